@@ -1,0 +1,58 @@
+# One OBJECT library per folder: members that nobody calls yet (dormant threads, operations for other
+# modules) stay in the library, which an archive would drop.
+#   zx_objects(agent_data SOURCES a.cpp b.cpp LIBS zxplatform)
+function(zx_objects name)
+  cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})
+  add_library(${name} OBJECT ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC zx_warnings zx_flags Threads::Threads ${arg_LIBS})
+endfunction()
+
+# A platform library of the installed tree: lib/lib<name>.so, soname without version.
+#   zx_shared(zxbus SOURCES ... LIBS ... EXPORTS exports.map)
+function(zx_shared name)
+  cmake_parse_arguments(arg "" "EXPORTS" "SOURCES;LIBS;PRIVATE_LIBS" ${ARGN})
+  add_library(${name} SHARED ${arg_SOURCES})
+  target_link_libraries(${name} PUBLIC zx_flags Threads::Threads ${arg_LIBS} PRIVATE zx_warnings ${arg_PRIVATE_LIBS})
+  if(arg_EXPORTS)
+    set(map ${CMAKE_CURRENT_SOURCE_DIR}/${arg_EXPORTS})
+    target_link_options(${name} PRIVATE -Wl,--version-script=${map})
+    set_target_properties(${name} PROPERTIES LINK_DEPENDS ${map})
+  endif()
+  set_target_properties(${name} PROPERTIES NO_SONAME OFF INSTALL_RPATH "$ORIGIN")
+endfunction()
+
+# A gtest binary; every case becomes one ctest entry, so cases run in parallel and in any order.
+#   zx_test(unit_text SOURCES PString_test.cpp LIBS zxplatform [LABELS ...])
+function(zx_test name)
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+  if(NOT arg_TIMEOUT)
+    set(arg_TIMEOUT 60)
+  endif()
+  add_executable(${name} ${arg_SOURCES})
+  target_link_libraries(${name} PRIVATE zx_warnings zx_flags ${arg_LIBS} GTest::gmock GTest::gtest_main)
+  include(GoogleTest)
+  gtest_discover_tests(${name}
+    DISCOVERY_MODE PRE_TEST
+    DISCOVERY_TIMEOUT 60
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" ENVIRONMENT "${arg_ENVIRONMENT}")
+endfunction()
+
+# A fuzz entry (LLVMFuzzerTestOneInput) for one parser of foreign bytes. With ZX_FUZZ it becomes a libFuzzer
+# binary; always, its corpus folder runs as a plain test.
+#   zx_fuzz(fuzz_json SOURCES json_fuzz.cpp CORPUS corpus/json LIBS zxplatform)
+function(zx_fuzz name)
+  cmake_parse_arguments(arg "" "CORPUS" "SOURCES;LIBS" ${ARGN})
+  if(ZX_FUZZ)
+    add_executable(${name} ${arg_SOURCES})
+    target_link_options(${name} PRIVATE -fsanitize=fuzzer)
+  else()
+    add_executable(${name} ${arg_SOURCES} ${CMAKE_SOURCE_DIR}/tests/fuzz/replay_main.cpp)
+  endif()
+  target_link_libraries(${name} PRIVATE zx_warnings zx_flags ${arg_LIBS})
+  if(ZX_FUZZ)
+    add_test(NAME ${name} COMMAND ${name} -runs=20000 -max_total_time=20 ${CMAKE_CURRENT_SOURCE_DIR}/${arg_CORPUS})
+  else()
+    add_test(NAME ${name} COMMAND ${name} ${CMAKE_CURRENT_SOURCE_DIR}/${arg_CORPUS})
+  endif()
+  set_tests_properties(${name} PROPERTIES TIMEOUT 120 LABELS fuzz)
+endfunction()

@@ -1,0 +1,28 @@
+// Plug-in interface between a host process and a plug-in library: four exported functions, and an object of
+// eight function pointers that the host calls by position. Fixed. Nothing thrown crosses it. Calling order:
+// InitializePlugin, CreateObject(guid), pfnInitialize, pfnSetCtx, pfnStart, ..., pfnStop, pfnUninitialize,
+// DestroyObject(guid, object), UninitializePlugin. One host thread makes these calls.
+#pragma once
+
+#include <cstddef>
+
+struct CPluginObj {
+  int (*pfnInitialize)(void* pInitParam);  // 0, or -1 when pInitParam is null
+  void (*pfnUninitialize)();
+  int (*pfnStart)();
+  int (*pfnStop)();
+  int (*pfnGetStatus)();  // 1 initialised, 2 started, 3 stopped, 4 uninitialised
+  int (*pfnGetCtx)(void*);
+  void (*pfnSetCtx)(void* pBusContext);  // an IBusContext; borrowed until pfnUninitialize returned
+  int (*pfnInfo)(void*);
+};
+static_assert(offsetof(CPluginObj, pfnStart) == 2 * sizeof(void*));
+static_assert(offsetof(CPluginObj, pfnSetCtx) == 6 * sizeof(void*));
+static_assert(sizeof(CPluginObj) == 8 * sizeof(void*));
+
+extern "C" {
+using PFNInitializePlugin = int (*)();
+using PFNUninitializePlugin = void (*)();
+using PFNCreateObject = void* (*)(const char* pszName);
+using PFNDestroyObject = void (*)(const char* pszName, void* pInterface);
+}
