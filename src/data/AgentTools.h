@@ -16,4 +16,8 @@ class CAgentTools {
   // Whether a text from outside may become one path component: not empty, not "." or "..", no "/" or NUL, at
   // most 255 bytes.
   static bool IsFileName(const CPString& strName);
+
+  // A refused document as a log line shows it: itself, or its size in brackets beyond kRefusedTextMax bytes.
+  static constexpr size_t kRefusedTextMax = 4096;
+  static CPString RefusedText(const CPString& strData);
 };

@@ -1,0 +1,17 @@
+#include "data/AgentHub.h"
+
+#include <atomic>
+
+namespace {
+
+constinit std::atomic<IAgentHub*> s_pHub{nullptr};
+
+}  // namespace
+
+IAgentHub* AgentHub() {
+  return s_pHub.load(std::memory_order_acquire);
+}
+
+IAgentHub* SetAgentHub(IAgentHub* pHub) {
+  return s_pHub.exchange(pHub, std::memory_order_acq_rel);
+}
