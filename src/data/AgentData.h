@@ -2,13 +2,15 @@
 // from them. One instance, owned by CAgentMgr. Results: 1 done, 0 failed (one log line), unless said
 // otherwise. Blocks on file I/O only, and never under a lock. Implementation by file family: AgentData.cpp
 // (life cycle, paths, save convention), AgentDataConfig.cpp (version.xml, merge, cache attributes),
-// AgentDataCloud.cpp, AgentDataAddr.cpp (addresses), AgentDataMid.cpp, AgentDataState.cpp, AgentDataPcid.cpp,
-// AgentDataRoute.cpp, AgentDataComs.cpp.
+// AgentDataCloud.cpp (cloud record), AgentDataAddr.cpp (address files), AgentDataMid.cpp, AgentDataState.cpp,
+// AgentDataPcid.cpp, AgentDataRoute.cpp, AgentDataComs.cpp.
 #pragma once
 
 #include <list>
 #include <map>
+#include <vector>
 
+#include "data/AgentDataLocalIp.h"
 #include "data/AgentRecords.h"
 #include "platform/doc/PJsonParse.h"
 #include "platform/os/ThreadSafety.h"
@@ -91,6 +93,8 @@ class CAgentData {
   int SaveMsgSrvAddrSetData(const CPString& strData);
   int ParseMsgSrvAddrSetData(const CPString& strData, CPString& strAddr);
   int ReadConfigChannelId(CPString& strChannelId, CPString& strIpartner);
+  // Product id of the deployment's product-information record: home + "etc/productinfo.json", a JSON object
+  // with the text "pid". On failure strPid is left as it was.
   int ReadConfigPid(CPString& strPid);
 
   // --- Product combos and business numbers. Any thread.
@@ -123,7 +127,16 @@ class CAgentData {
   int LoadComsClientConfig(const CPString& strFile, std::list<_GuidProductCombo>& gpcList);
   int GetComboConfigListByProductCombo(const CPString& strKey, std::list<_ComboConfig>& list);
 
+ protected:
+  // Constant after construction; a derived store may start with other values.
+  int m_bDisableHb = 1;  // the heartbeat of this library is always off
+  bool (*m_pfnListInterfaces)(std::vector<_InterfaceAddr>&) = &ListInterfaces;
+
  private:
+  int PutCacheAttribute(zxtools::CPJsonParse& json, const CPString& strFile, const CPString& strName,
+                        unsigned long long u64FileSize, unsigned int dwLastWriteTime);
+  void FindLocalIp(CPString& strLocalIp);
+
   // Set in Init, then constant.
   CPString m_strSystemRoot;
   CPString m_strHomePath;
@@ -146,7 +159,6 @@ class CAgentData {
   CCritSec m_csCloud;  // cloud record: re-initialisation reads it on other threads than the setters
   _ZxCloudData m_ZxCloudData TS_GUARDED_BY(m_csCloud);
 
-  int m_bDisableHb = 1;  // never changed: the heartbeat of this library is always off
   CAgentInterface m_AgentInterface;
 
   CCritSec m_csCombo;  // component configuration map

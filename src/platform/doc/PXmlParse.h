@@ -29,6 +29,8 @@ class ZX_API CPXmlParse {
   int LoadBuffer(const char* pData, size_t uLength);
   int LoadFile(const CPString& strFile);  // on failure errno is the file error, or 0 for bad XML
 
+  HXmlNode GetRoot() const;  // the document element; null before a successful load
+
   // First child element of that name (null parent: the document, whose only child element is its root
   // element); null when there is none.
   HXmlNode GetNode(HXmlNode hParent, const char* pszName) const;
