@@ -25,6 +25,8 @@ struct _ResendData {
   CPString strMsg;
 };
 
+struct _SendCall;  // arguments of one send, AgentSendCall.h
+
 class CAgentSendMsg {
  public:
   CAgentSendMsg();
@@ -51,11 +53,23 @@ class CAgentSendMsg {
   uint32_t GetCloudTag(const CPString& strMsg, CPString& strTags);
   uint32_t ZxcloudPollMessage(int bVerbose, const CPString& strBusinessId);
 
-  // Resends queued messages while the cloud is connected. Complete, but nothing starts it and nothing queues
-  // for it.
+  // --- Resend facility: complete, but nothing starts its thread and nothing queues for it. Whoever wires it
+  // up starts the thread with this sender as argument and sets the status to anything but 1 to stop it; it
+  // then ends within a second.
   static void* ReSendMsgThread(void* pThis);
+  // Takes pData over; false when the queue is full, pData is then deleted.
+  bool InsertResendMsg(_ResendData* pData);
+  int GetResendStatus() TS_EXCLUDES(m_csResend);
+  void SetResendStatus(int iResendStatus) TS_EXCLUDES(m_csResend);
+  // One step of the thread: true when it is to pause for a second, false when the step was a round (every
+  // tenth second). iIdle starts at 0 and belongs to the caller.
+  bool ResendStep(int& iIdle);
 
  private:
+  CPString FormatHeader(const _SendCall& call, const char* pszKey, const CPString& strMsg,
+                        const CPString& strTags);
+  void ResendRound();
+
   CCritSec m_csIdentity;  // ids and versions: set rarely, copied per send
   CPString m_strMid1 TS_GUARDED_BY(m_csIdentity);
   CPString m_strMid2 TS_GUARDED_BY(m_csIdentity);
@@ -66,8 +80,9 @@ class CAgentSendMsg {
   CPString m_strChannelId TS_GUARDED_BY(m_csChannel);
   CPString m_strIpartner TS_GUARDED_BY(m_csChannel);
 
-  std::atomic<int> m_iPubmsgReportType{
-      0};  // bit set: 1 second send on, 2 server data, 4 plug-in data, 8 both
+  // Bit set: 1 second send on, 2 for server data, 4 for plug-in data, 8 for both; the first that is set
+  // counts.
+  std::atomic<int> m_iPubmsgReportType{0};
 
   CCritSec m_csResend;
   int m_iResendStatus TS_GUARDED_BY(m_csResend) = 0;  // 0 never started, 1 running, 2 ended
