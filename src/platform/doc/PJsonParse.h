@@ -1,7 +1,8 @@
 // JSON document wrapper on top of cJSON. One object owns one document; nodes are borrowed handles that live
 // as long as the document and its structure. Threads: one thread at a time per object.
 // Results: 1 done, 0 failed. Nothing here logs or throws.
-// Limits: kJsonMaxBytes of text and kJsonMaxDepth levels; beyond them loading fails.
+// Limits: kJsonMaxBytes of text, kJsonMaxDepth levels and about kJsonMaxValues values; beyond them loading
+// fails. A text that holds a NUL byte is refused.
 #pragma once
 
 #include <cstddef>
@@ -18,6 +19,7 @@ namespace zxtools {
 using HJsonNode = cJSON*;
 inline constexpr size_t kJsonMaxBytes = 64u << 20;
 inline constexpr int kJsonMaxDepth = 128;
+inline constexpr size_t kJsonMaxValues = 2u << 20;
 
 class ZX_API CPJsonParse {
  public:
@@ -53,7 +55,7 @@ class ZX_API CPJsonParse {
     return AddNode(hParent, pszName, strValue.c_str());
   }
   int AddNode(HJsonNode hParent, const char* pszName, int iValue);
-  int AddNode(HJsonNode hParent, const char* pszName, double dValue);
+  int AddNode(HJsonNode hParent, const char* pszName, double dValue);  // whole numbers with all their digits
   int AddNodeBool(HJsonNode hParent, const char* pszName, int bValue);
   HJsonNode AddNodeObject(HJsonNode hParent, const char* pszName);
   HJsonNode AddNodeArray(HJsonNode hParent, const char* pszName);
@@ -75,6 +77,7 @@ class ZX_API CPJsonParse {
 
  private:
   void Reset(cJSON* pRoot);
+  cJSON* Parent(HJsonNode hParent) const { return hParent != nullptr ? hParent : m_pRoot; }
   cJSON* m_pRoot = nullptr;
 };
 

@@ -1,6 +1,7 @@
 // XML document wrapper on top of pugixml, for reading. No DTD and no external entities: a document with a
 // DOCTYPE is refused. Nodes are borrowed handles that live as long as the document. One thread per object.
-// Results: 1 done, 0 failed. Nothing here logs or throws. Limits: kXmlMaxBytes, kXmlMaxDepth.
+// Results: 1 done, 0 failed. Nothing here logs or throws. Limits: kXmlMaxBytes, kXmlMaxDepth,
+// about kXmlMaxNodes nodes. A text that holds a NUL byte is refused.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +18,7 @@ namespace zxtools {
 using HXmlNode = const zxtools_xml_node*;
 inline constexpr size_t kXmlMaxBytes = 64u << 20;
 inline constexpr int kXmlMaxDepth = 128;
+inline constexpr size_t kXmlMaxNodes = 2u << 20;
 
 class ZX_API CPXmlParse {
  public:

@@ -35,8 +35,8 @@ inline constexpr int kLogTrace = 6;
 // ZX_LOG_DIR set) lines of channels without a directory go to stderr. ZX_LOG_DIR and ZX_LOG_LEVEL override
 // the files.
 ZX_API void LogSetHome(const CPString& strHome);
-// Opens the channel: <dir>/<name>.log, rotated by size. Never null; a directory that cannot be written sends
-// the lines to stderr until it can.
+// Opens the channel: <dir>/<name>.log, rotated by size. Null only when out of memory; a directory that cannot
+// be written sends the lines to stderr until it can.
 ZX_API HLog LogInit(const char* pszName);
 ZX_API void LogUninit(HLog hLog);  // null is allowed; waits until the channel's lines are written
 ZX_API void LogPrint(HLog hLog, int iLevel, const char* pszFormat, ...) __attribute__((format(printf, 3, 4)));
@@ -175,11 +175,9 @@ inline const char* Pass(const char* psz) {
 }  // null: printf's "(null)" for %s, zero for %p
 template <class T>
 auto Pass(const T& value) {
-  if constexpr (std::is_enum_v<T>)
+  if constexpr ((std::is_enum_v<T> || std::is_integral_v<T>)&&sizeof(T) <= 4)
     return static_cast<int>(value);
-  else if constexpr (std::is_integral_v<T> && sizeof(T) <= 4)
-    return static_cast<int>(value);
-  else if constexpr (std::is_integral_v<T>)
+  else if constexpr (std::is_enum_v<T> || std::is_integral_v<T>)
     return static_cast<unsigned long long>(value);
   else
     return value;
