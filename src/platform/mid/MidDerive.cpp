@@ -12,7 +12,8 @@ constexpr size_t kIdBytes = 16;  // of the 32 that the hash gives
 std::string Sha256Hex(const std::string& strData, size_t uBytes) {
   unsigned char digest[EVP_MAX_MD_SIZE];
   unsigned int uLength = 0;
-  if (EVP_Digest(strData.data(), strData.size(), digest, &uLength, EVP_sha256(), nullptr) != 1 || uLength < uBytes)
+  if (EVP_Digest(strData.data(), strData.size(), digest, &uLength, EVP_sha256(), nullptr) != 1 ||
+      uLength < uBytes)
     return {};
   static constexpr char kDigits[] = "0123456789abcdef";
   std::string strHex;

@@ -22,8 +22,8 @@ class CMidSources {
 
  private:
   std::string ReadLine(const std::string& strPath) const;
-  std::string RootBlockDevice() const;                              // "sda1", or empty
-  std::string WholeDisk(std::string strDevice, int iDepth) const;   // below partitions and device mapper
+  std::string RootBlockDevice() const;                             // "sda1", or empty
+  std::string WholeDisk(std::string strDevice, int iDepth) const;  // below partitions and device mapper
   std::string DiskSerial(const std::string& strDisk) const;
   std::string FirstMac(bool bPhysical) const;
 
