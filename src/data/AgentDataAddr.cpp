@@ -1,6 +1,4 @@
 // The smaller address files: custom cloud address, working copy, load-balancer data, engine addresses.
-#include <sys/stat.h>
-
 #include <cerrno>
 
 #include "data/AgentData.h"
@@ -81,13 +79,6 @@ int PutScanConf(CPJsonParse& json, const CPString& strAddr, const CPString& strF
   return 1;
 }
 
-// The working copy has the mode of the deployed file, which may be there for its owner only (it can hold the
-// credentials of a proxy); rewriting it keeps that.
-bool IsPrivateFile(const CPString& strFile) {
-  struct stat st {};
-  return stat(strFile.c_str(), &st) == 0 && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0;
-}
-
 bool AddAddrArray(CPJsonParse& json, const CPStrList& list) {
   const HJsonNode hArray = json.AddNodeArray(nullptr, "allengineaddr");
   if (hArray == nullptr)
@@ -150,7 +141,7 @@ int CAgentData::UpdateCloudAddr(const CPString& strAddr) {
     return 0;
   if (!PutTconf(json, strAddr, strFile) || !PutScanConf(json, strAddr, strFile))
     return 0;
-  if (!json.SaveFile(strFileTmp, IsPrivateFile(strFile)))
+  if (!json.SaveFile(strFileTmp))
     return LogWarn("*zxagent CAgentData::UpdateCloudAddr Error SaveFile Error[%d] strAddr[%s] strFileTmp[%s]",
                    errno, strAddr, strFileTmp);
   if (!MyMoveFile(strFileTmp, strFile))
@@ -312,7 +303,7 @@ int CAgentData::UpdateDbAddr() {
                    strFile);
   }
   // The one writer of the store that saves in place, without a temporary file.
-  if (!json.SaveFile(strFile, IsPrivateFile(strFile)))
+  if (!json.SaveFile(strFile))
     return LogWarn("*zxagent CAgentData::UpdateDbAddr Error SaveFile Error[%d] strAddr[%s] strFile[%s]",
                    errno, strAddr, strFile);
   LogInfo("zxagent CAgentData::UpdateDbAddr OK SaveFile strAddr[%s] strFile[%s]", strAddr, strFile);
