@@ -1,4 +1,6 @@
 // The smaller address files: custom cloud address, working copy, load-balancer data, engine addresses.
+#include <sys/stat.h>
+
 #include <cerrno>
 
 #include "data/AgentData.h"
@@ -79,6 +81,13 @@ int PutScanConf(CPJsonParse& json, const CPString& strAddr, const CPString& strF
   return 1;
 }
 
+// The working copy has the mode of the deployed file, which may be there for its owner only (it can hold the
+// credentials of a proxy); rewriting it keeps that.
+bool IsPrivateFile(const CPString& strFile) {
+  struct stat st {};
+  return stat(strFile.c_str(), &st) == 0 && (st.st_mode & (S_IRWXG | S_IRWXO)) == 0;
+}
+
 bool AddAddrArray(CPJsonParse& json, const CPStrList& list) {
   const HJsonNode hArray = json.AddNodeArray(nullptr, "allengineaddr");
   if (hArray == nullptr)
@@ -141,7 +150,7 @@ int CAgentData::UpdateCloudAddr(const CPString& strAddr) {
     return 0;
   if (!PutTconf(json, strAddr, strFile) || !PutScanConf(json, strAddr, strFile))
     return 0;
-  if (!json.SaveFile(strFileTmp))
+  if (!json.SaveFile(strFileTmp, IsPrivateFile(strFile)))
     return LogWarn("*zxagent CAgentData::UpdateCloudAddr Error SaveFile Error[%d] strAddr[%s] strFileTmp[%s]",
                    errno, strAddr, strFileTmp);
   if (!MyMoveFile(strFileTmp, strFile))
@@ -303,7 +312,7 @@ int CAgentData::UpdateDbAddr() {
                    strFile);
   }
   // The one writer of the store that saves in place, without a temporary file.
-  if (!json.SaveFile(strFile))
+  if (!json.SaveFile(strFile, IsPrivateFile(strFile)))
     return LogWarn("*zxagent CAgentData::UpdateDbAddr Error SaveFile Error[%d] strAddr[%s] strFile[%s]",
                    errno, strAddr, strFile);
   LogInfo("zxagent CAgentData::UpdateDbAddr OK SaveFile strAddr[%s] strFile[%s]", strAddr, strFile);

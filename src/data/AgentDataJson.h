@@ -1,19 +1,27 @@
-// Reading helper of the CAgentData files. Nothing here logs.
+// Reading helpers of the CAgentData files. Nothing here logs.
 #pragma once
 
 #include "platform/doc/PJsonParse.h"
 #include "platform/text/PString.h"
 
-// Text of member pszName of hParent (null: the root); false when it is not there, and then strValue is left
-// as it was.
+// Member pszName of hParent (null: the root) as text or integer. False when it is not there or cannot be read
+// so; the output is then left as it was.
 inline bool JsonText(const zxtools::CPJsonParse& json, zxtools::HJsonNode hParent, const char* pszName,
                      CPString& strValue) {
   const zxtools::HJsonNode hNode = json.GetNode(hParent, pszName);
-  return hNode != nullptr && zxtools::CPJsonParse::GetValue(hNode, strValue) != 0;
+  CPString strText;
+  if (hNode == nullptr || !zxtools::CPJsonParse::GetValue(hNode, strText))
+    return false;
+  strValue = strText;
+  return true;
 }
 
 inline bool JsonInt(const zxtools::CPJsonParse& json, zxtools::HJsonNode hParent, const char* pszName,
                     int& iValue) {
   const zxtools::HJsonNode hNode = json.GetNode(hParent, pszName);
-  return hNode != nullptr && zxtools::CPJsonParse::GetIntValue(hNode, iValue) != 0;
+  int iNumber = 0;
+  if (hNode == nullptr || !zxtools::CPJsonParse::GetIntValue(hNode, iNumber))
+    return false;
+  iValue = iNumber;
+  return true;
 }

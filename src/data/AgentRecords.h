@@ -16,6 +16,15 @@ struct _ProductCombo {
   CPString strCombo;
 };
 
+// What maps by product and combo are keyed with: "product/combo" in lower case.
+inline CPString ProductComboKey(const CPString& strProduct, const CPString& strCombo) {
+  CPString strKey = strProduct;
+  strKey += '/';
+  strKey += strCombo;
+  strKey.ToLower();
+  return strKey;
+}
+
 // Cloud addresses and connect status, mirrored in etc/zxagent/zxcloud.json.
 struct _ZxCloudData {
   CPString strLbAddr;

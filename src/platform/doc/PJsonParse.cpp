@@ -192,9 +192,9 @@ int CPJsonParse::LoadFile(const CPString& strFile) {
   return iResult;
 }
 
-int CPJsonParse::SaveFile(const CPString& strFile) const {
+int CPJsonParse::SaveFile(const CPString& strFile, bool bPrivate) const {
   CPString strJson;
-  return GetJsonStr(strJson, true) != 0 && ZxSaveFileData(strFile, strJson) ? 1 : 0;
+  return GetJsonStr(strJson, true) != 0 && ZxSaveFileData(strFile, strJson, bPrivate) ? 1 : 0;
 }
 
 int CPJsonParse::CreateJson() {

@@ -31,8 +31,8 @@ class ZX_API CPJsonParse {
   int LoadBuffer(const char* pszText);                // null fails
   int LoadBuffer(const char* pData, size_t uLength);  // trailing text other than white space fails
   int LoadFile(const CPString& strFile);              // on failure errno is the file error, or 0 for bad JSON
-  int SaveFile(const CPString& strFile) const;        // formatted; mode 0644
-  int CreateJson();                                   // an empty object as root
+  int SaveFile(const CPString& strFile, bool bPrivate = false) const;  // formatted; mode 0644, or 0600
+  int CreateJson();                                                    // an empty object as root
 
   HJsonNode GetRoot() const { return m_pRoot; }
   // Member lookup is case-sensitive; the first of duplicates counts. Null parent means the root.

@@ -94,6 +94,10 @@ int CPXmlParse::LoadFile(const CPString& strFile) {
   return iResult;
 }
 
+HXmlNode CPXmlParse::GetRoot() const {
+  return ToHandle(m_pImpl->doc.document_element());
+}
+
 HXmlNode CPXmlParse::GetNode(HXmlNode hParent, const char* pszName) const {
   if (pszName == nullptr)
     return nullptr;
