@@ -79,16 +79,6 @@ int AddMidNodes(const _MidInfoData& info, zxtools::CPJsonParse& json) {
   return 1;
 }
 
-// Straight over the file, without a temporary one: the copies are the safety net.
-bool SaveMidJson(const zxtools::CPJsonParse& json, const CPString& strFile) {
-  CPString strJson;
-  if (!json.GetJsonStr(strJson, true)) {
-    errno = ENOMEM;
-    return false;
-  }
-  return ZxSaveFileData(strFile, strJson, true);
-}
-
 // Zeroes szBuffer and reads one line of an old file into it.
 EOldLine ReadOldLine(FILE* pFile, char (&szBuffer)[kOldLineBytes]) {
   for (char& ch : szBuffer)
@@ -214,7 +204,8 @@ int CAgentData::SaveMid(const _MidInfoData& info) {
                    info.strMid2);
   if (!AddMidNodes(info, json))
     return 0;
-  if (!SaveMidJson(json, strFile))
+  // Straight over the file, without a temporary one: the copies are the safety net.
+  if (!json.SaveFile(strFile, true))
     return LogWarn("*zxagent CAgentData::SaveMid Error SaveFile Error[%d] strFile[%s]", errno, strFile);
   if (!CopyMidFile(strFile, strBkFile, 0))
     LogWarn("*zxagent CAgentData::SaveMid Error ZxCopyFile 1 Error[%d] strFile[%s] strBkFile[%s]", errno,
