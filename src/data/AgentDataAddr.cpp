@@ -277,6 +277,10 @@ int CAgentData::SaveAllEngineAddr(const CPStrSet& addrSet, CPString& strJson) {
   if (!AddAddrArray(json, list))
     return LogWarn("*zxagent CAgentData::SaveAllEngineAddr Error AddNodeArray allengineaddr strAddrList[%d]",
                    static_cast<int>(list.GetCount()));
+  CPString strText;  // before the save: a failure leaves the file as it was
+  if (!json.GetJsonStr(strText))
+    return LogWarn("*zxagent CAgentData::SaveAllEngineAddr Error GetJsonStr strAddrList[%d]",
+                   static_cast<int>(list.GetCount()));
   if (!json.SaveFile(strFileTmp))
     return LogWarn("*zxagent CAgentData::SaveAllEngineAddr Error SaveFile Error[%d] strFileTmp[%s]", errno,
                    strFileTmp);
@@ -284,9 +288,7 @@ int CAgentData::SaveAllEngineAddr(const CPStrSet& addrSet, CPString& strJson) {
     return LogWarn(
         "*zxagent CAgentData::SaveAllEngineAddr Error MyMoveFile Error[%d] strFileTmp[%s] strFile[%s]", errno,
         strFileTmp, strFile);
-  if (!json.GetJsonStr(strJson))
-    return LogWarn("*zxagent CAgentData::SaveAllEngineAddr Error GetJsonStr strAddrList[%d]",
-                   static_cast<int>(list.GetCount()));
+  strJson = strText;
   return 1;
 }
 

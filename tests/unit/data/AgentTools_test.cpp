@@ -122,7 +122,7 @@ TEST_F(AgentTools, RefusedText_GivesSize_WhenTextIsLong) {
   EXPECT_EQ(CAgentTools::RefusedText(strShort + "x"), "(4097 bytes)");
 }
 
-class CHub : public IAgentHub {
+class CHub final : public IAgentHub {
  public:
   uint32_t RecvMsgResultsFromTaskMgr(_SendTaskMgrData*) override { return 0; }
   int IsConnect() override { return 1; }

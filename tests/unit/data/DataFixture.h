@@ -11,9 +11,8 @@
 #include <vector>
 
 #include "data/AgentData.h"
-#include "data/AgentLog.h"
 #include "platform/doc/PJsonParse.h"
-#include "support/LogCapture.h"
+#include "support/MainLog.h"
 #include "support/TempHome.h"
 
 inline void WriteText(const std::string& strFile, const std::string& strText) {
@@ -36,9 +35,6 @@ class CStore : public CAgentData {
 
 class CLogFixture : public ::testing::Test {
  protected:
-  CLogFixture() { g_hLogMain = m_log.Open("zxagent"); }
-  ~CLogFixture() override { g_hLogMain = nullptr; }
-
   std::vector<std::string> Lines() const { return m_log.Lines(); }
   void ClearLines() { m_log.Clear(); }
 
@@ -66,7 +62,7 @@ class CLogFixture : public ::testing::Test {
     return strValue.Str();
   }
 
-  CLogCapture m_log;
+  CMainLog m_log;
   CTempHome m_home;
   const std::string m_strDir = m_home.Root().Str();  // ends in "/"
 };

@@ -128,6 +128,7 @@ TEST_P(StateFileReaders, Read_FailsWithOneLine) {
   const auto& [reader, content] = GetParam();
   const std::string strFile = m_strDir + reader.pszFile;
   std::filesystem::create_directories(std::filesystem::path(strFile).parent_path());
+  std::filesystem::remove(strFile);  // some are there since Init
   content.fnMake(strFile);
   EXPECT_EQ(reader.fnRead(m_data), 0);
   EXPECT_THAT(Lines(), Contains(StartsWith("*zxagent CAgentData::" + std::string(reader.pszName))).Times(1));
@@ -135,9 +136,9 @@ TEST_P(StateFileReaders, Read_FailsWithOneLine) {
 
 INSTANTIATE_TEST_SUITE_P(All, StateFileReaders,
                          ::testing::Combine(::testing::ValuesIn(Readers()), ::testing::ValuesIn(Contents())),
-                         [](const auto& info) {
-                           return std::string(std::get<0>(info.param).pszName) + "_" +
-                                  std::get<1>(info.param).pszName;
+                         [](const auto& param) {
+                           return std::string(std::get<0>(param.param).pszName) + "_" +
+                                  std::get<1>(param.param).pszName;
                          });
 
 }  // namespace
