@@ -1,0 +1,97 @@
+// zxctl: what people do with a cloud from a shell. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 the cloud
+// cannot be reached.
+#include <CLI/CLI.hpp>
+#include <cstdio>
+
+#include "Commands.h"
+
+using namespace zxctl;
+
+namespace {
+
+struct _Options {
+  std::string strUrl, strTokenFile, strRunDir = "/var/lib/zxcloudd";
+  bool bJson = false;
+  _PushOptions push;
+  std::string strTraceID, strHome;
+  bool bAll = false;
+};
+
+bool FindCloud(const _Options& options, _CloudAddress& address) {
+  std::string strError;
+  bool bFound = false;
+  if (options.strUrl.empty()) {
+    bFound = AddressFromRunDir(options.strRunDir, address, strError);
+  } else {
+    address.strUrl = options.strUrl;
+    bFound = TokenFromFile(options.strTokenFile, address.strToken, strError);
+  }
+  if (!bFound)
+    std::fprintf(stderr, "zxctl: %s\n", strError.c_str());
+  return bFound;
+}
+
+void DefinePush(CLI::App& app, _PushOptions& push) {
+  CLI::App* pPush = app.add_subcommand("push", "give a command to a machine");
+  pPush->add_option("--mid", push.strMid, "machine id; may be left out when the cloud knows one machine");
+  pPush->add_option("--pcid", push.iPcid, "business number (product and combo)")->required();
+  CLI::Option* pCommand = pPush->add_option("--command", push.strCommand, "command name");
+  pPush->add_option("--id", push.strID, "id of this command; one is made when it is left out");
+  pPush->add_option("--param", push.strParam, "JSON that becomes the command's Param");
+  CLI::Option* pText =
+      pPush->add_option("--text", push.strText, "the whole command as JSON, instead of --command");
+  pText->excludes(pCommand);
+  pPush->add_option("--via", push.strVia, "auto, push (long connection only) or poll")
+      ->check(CLI::IsMember({"auto", "push", "poll"}));
+  pPush->add_option("--wait", push.iWaitSec, "wait up to this many seconds for the acknowledgement")
+      ->check(CLI::Range(0, 86400));
+}
+
+int Run(CLI::App& app, const _Options& options) {
+  _CloudAddress address;
+  if (!FindCloud(options, address))
+    return kExitUnreachable;
+  CCloudClient cloud(address);
+  if (app.got_subcommand("push"))
+    return Push(cloud, options.push, options.bJson);
+  if (app.got_subcommand("agents"))
+    return Agents(cloud, options.bJson);
+  if (app.got_subcommand("trace"))
+    return Trace(cloud, options.strTraceID, options.strHome, options.bAll, options.bJson);
+  return Status(cloud, options.bJson);
+}
+
+}  // namespace
+
+int main(int iArgc, char** ppszArgv) {
+  CLI::App app("zxctl: push commands to machines and see what became of them");
+  _Options options;
+  CLI::Option* pUrl = app.add_option("--cloud", options.strUrl, "operator interface, http://127.0.0.1:port");
+  CLI::Option* pToken = app.add_option("--token", options.strTokenFile, "file with the operator token");
+  pUrl->needs(pToken);
+  pToken->needs(pUrl);
+  app.add_option("--run", options.strRunDir, "state directory of zxcloudd on this machine", true)
+      ->excludes(pUrl);
+  app.add_flag("--json", options.bJson, "print JSON");
+  app.require_subcommand(1);
+  app.fallthrough();
+  DefinePush(app, options.push);
+  app.add_subcommand("agents", "list the machines");
+  CLI::App* pTrace = app.add_subcommand("trace", "show a command's way, hop by hop");
+  pTrace->add_option("id", options.strTraceID, "id of the command")->required();
+  pTrace->add_option("--home", options.strHome,
+                     "home of the agent on this machine, whose logs are merged in");
+  pTrace->add_flag("--all", options.bAll, "every log record about the command, not only its steps");
+  app.add_subcommand("status", "how the cloud stands");
+  try {
+    app.parse(iArgc, ppszArgv);
+  } catch (const CLI::ParseError& e) {
+    return app.exit(e) == 0 ? kExitOk : kExitUsage;
+  }
+  try {
+    return Run(app, options);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zxctl: %s\n", e.what());
+    return kExitFailed;
+  }
+}
