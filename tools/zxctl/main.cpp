@@ -70,7 +70,8 @@ int main(int iArgc, char** ppszArgv) {
   CLI::Option* pToken = app.add_option("--token", options.strTokenFile, "file with the operator token");
   pUrl->needs(pToken);
   pToken->needs(pUrl);
-  app.add_option("--run", options.strRunDir, "state directory of zxcloudd on this machine", true)
+  app.add_option("--run", options.strRunDir, "state directory of zxcloudd on this machine")
+      ->capture_default_str()
       ->excludes(pUrl);
   app.add_flag("--json", options.bJson, "print JSON");
   app.require_subcommand(1);
