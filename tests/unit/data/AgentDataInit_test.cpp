@@ -4,6 +4,7 @@
 #include <filesystem>
 
 #include "DataFixture.h"
+#include "support/FakeConfigProxy.h"
 
 namespace {
 
@@ -13,8 +14,21 @@ using ::testing::HasSubstr;
 using ::testing::Not;
 using ::testing::StartsWith;
 
+constexpr char kSampleGuid[] = "5A3B7C1E-2D4F-4A6B-8C9D-0E1F2A3B4C5D";
+
 class AgentDataInit : public CLogFixture {
  protected:
+  // Whether route, component and business number of the sample are all loaded.
+  static bool Known(CAgentData& data) {
+    int iId = 0;
+    CPString strProduct;
+    CPString strCombo;
+    CPStrList guidList;
+    return data.GetCommandGuid(1, "any", "any", "disk_usage", guidList) != 0 &&
+           data.GetProductComboByGuid(GUID(kSampleGuid), strProduct, strCombo) != 0 &&
+           data.GetIDByProductCombo("veltcwpp", "zxsample", iId) != 0;
+  }
+
   CStore m_data{m_strDir + "root"};
 };
 
@@ -73,28 +87,57 @@ TEST_F(AgentDataInit, Init_LoadsBusinessTableWithoutSavingIt) {
 }
 
 TEST_F(AgentDataInit, Uninit_ForgetsRoutesAndBusinessNumbers) {
+  CFakeConfigProxy proxy(m_strDir);
+  proxy.SetText("{\"list\":[" + CFakeConfigProxy::Plugin(kSampleGuid, "veltcwpp", "zxsample") + "]}");
+  WriteFile("etc/zxagent/commandroute.json",
+            R"({"commandroute":[{"id":"5A3B7C1E-2D4F-4A6B-8C9D-0E1F2A3B4C5D","product":"","combo":"",)"
+            R"("command":"disk_usage","desc":""}]})");
   WriteFile("etc/zxagent/inner/pcid.dat", "veltcwpp,zxsample,7");
   ASSERT_EQ(m_data.Init(CPString(m_strDir)), 1);
-  int iId = 0;
-  ASSERT_EQ(m_data.GetIDByProductCombo("veltcwpp", "zxsample", iId), 1);
+  EXPECT_TRUE(Known(m_data));
   EXPECT_EQ(m_data.Uninit(), 1);
-  EXPECT_EQ(m_data.GetIDByProductCombo("veltcwpp", "zxsample", iId), 0);
+  EXPECT_EQ(Lines().back(), "zxagent CAgentData::Uninit OK");
+
+  int iId = 0;
+  CPString strProduct;
+  CPString strCombo;
   commandRouteMap mapRoute;
   productComboToGuidMap mapPcGuid;
   m_data.GetCommandProductMap(mapRoute, mapPcGuid);
   EXPECT_TRUE(mapRoute.empty());
   EXPECT_TRUE(mapPcGuid.empty());
-  EXPECT_EQ(Lines().back(), "zxagent CAgentData::Uninit OK");
+  EXPECT_EQ(m_data.GetProductComboByGuid(GUID(kSampleGuid), strProduct, strCombo), 0);
+  EXPECT_EQ(m_data.GetIDByProductCombo("veltcwpp", "zxsample", iId), 0);
+  EXPECT_EQ(proxy.State().iObjects, 0);
 }
 
 TEST_F(AgentDataInit, Uninit_IsHarmless_WhenNeverInitialised) {
   EXPECT_EQ(m_data.Uninit(), 1);
 }
 
-TEST_F(AgentDataInit, Init_Again_AfterUninit) {
+TEST_F(AgentDataInit, Init_LoadsEverythingAgain_AfterUninit) {
+  CFakeConfigProxy proxy(m_strDir);
+  proxy.SetText("{\"list\":[" + CFakeConfigProxy::Plugin(kSampleGuid, "veltcwpp", "zxsample") + "]}");
+  WriteFile("etc/zxagent/commandroute.json",
+            R"({"commandroute":[{"id":"5A3B7C1E-2D4F-4A6B-8C9D-0E1F2A3B4C5D","product":"","combo":"",)"
+            R"("command":"disk_usage","desc":""}]})");
+  WriteFile("etc/zxagent/inner/pcid.dat", "veltcwpp,zxsample,7");
+  for (int i = 0; i < 2; ++i) {
+    ASSERT_EQ(m_data.Init(CPString(m_strDir)), 1);
+    EXPECT_TRUE(Known(m_data));
+    ASSERT_EQ(m_data.Uninit(), 1);
+  }
+}
+
+TEST_F(AgentDataInit, Lines_HaveTheirLevels) {
   ASSERT_EQ(m_data.Init(CPString(m_strDir)), 1);
-  ASSERT_EQ(m_data.Uninit(), 1);
-  EXPECT_EQ(m_data.Init(CPString(m_strDir)), 1);
+  WriteFile("etc/version.xml", "<Config><CurrentVer>1</CurrentVer><SystemName>s</SystemName></Config>");
+  ASSERT_EQ(m_data.GetVersionXml(), 1);
+  EXPECT_EQ(m_log.LevelOf("zxagent CAgentData::Init OK"), kLogInfo);
+  EXPECT_EQ(m_log.LevelOf("*zxagent CAgentData::GetVersionXml Error LoadFile File[" + m_strDir +
+                          "etc/version.xml]"),
+            kLogWarn);
+  EXPECT_EQ(m_log.LevelOf(Lines().back()), kLogDetail);  // the thirteen values
 }
 
 }  // namespace
