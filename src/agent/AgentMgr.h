@@ -13,7 +13,9 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
+#include <functional>
 
 #include "agent/AgentTrans.h"
 #include "data/AgentData.h"
@@ -55,18 +57,29 @@ struct _PollState {
 class CAgentMgr final : public IAgentHub {
  public:
   // Created on first use; null when memory is out. Not locked: the host calls it first, from one thread.
+  // Threads and cloud callbacks ask Current() instead, which never creates one.
   static CAgentMgr* Instance();
+  static CAgentMgr* Current();
+  // Destroys the singleton, after Stop when the host did not call it, and only once no agent thread is left:
+  // a thread that cannot be ended leaves the manager in memory (logged).
   static void Close();
+  // Makes pMgr (null: none) the process's manager; returns the previous one.
+  static CAgentMgr* SetCurrent(CAgentMgr* pMgr);
 
-  // strSystemRoot: see CAgentData. Tests build managers directly.
-  explicit CAgentMgr(CPString strSystemRoot = CPString());
+  // Pauses the calling thread; a cancellation point.
+  using TSleepMs = std::function<void(uint32_t dwMs)>;
+  static void SleepMs(uint32_t dwMs);
+
+  // strSystemRoot: see CAgentData. Tests build managers directly, and may give them pauses of their own.
+  explicit CAgentMgr(CPString strSystemRoot = CPString(), TSleepMs fnSleepMs = &SleepMs);
   ~CAgentMgr();
   CAgentMgr(const CAgentMgr&) = delete;
   CAgentMgr& operator=(const CAgentMgr&) = delete;
 
   // --- Life cycle (host thread).
-  bool Init();
-  void SetCtx(void* pCompCtx);  // an IBusContext, borrowed until Close
+  bool Init();                      // home: the directory of the library
+  bool Init(CPString strHomePath);  // with a trailing "/"; always true
+  void SetCtx(void* pCompCtx);      // an IBusContext, borrowed until Close; before Start
   bool InitCompCtx();
   bool Start();
   bool Stop();
@@ -75,13 +88,16 @@ class CAgentMgr final : public IAgentHub {
 
   // --- Work queue and threads. AddZxcloudCallbackData: any thread; iLength 0 means the whole text.
   bool AddZxcloudCallbackData(uint32_t dwMessage, uint32_t dwFlag, const char* pszData, int iLength);
-  bool StartCheckThread();
+  bool StartCheckThread() TS_EXCLUDES(m_csStatus);
+  // Thread entries; the argument is not read, except that InitZxcloudThread takes bReInit in it.
   static void* WorkThread(void*);
   static void* PollMsgThread(void*);
   static void* CheckTconfThread(void*);
-  static void* InitZxcloudThread(void* pReInit);
-  void DispatchWork(const ZxMsgRecord& record);  // one record on the work thread; does not free its data
-  void PollOnce(_PollState& state, uint32_t dwNow, bool& bEnd);  // one pass of the poll thread
+  static void* InitZxcloudThread(void* pReInit);  // dormant: nothing starts it
+  void DispatchWork(const ZxMsgRecord& record);   // one record on the work thread; does not free its data
+  // One pass of the poll thread at the time dwNow (seconds), without the wait behind it. bEnd: it was asked
+  // to stop, and its status says ended.
+  void PollOnce(_PollState& state, uint32_t dwNow, bool& bEnd) TS_EXCLUDES(m_csStatus, m_csConnect);
 
   // --- Cloud channel. Initialisation: host, poll, check or bus thread. 0 or a result code.
   uint32_t InitInnerZxcloud(int bReInit);
@@ -98,12 +114,16 @@ class CAgentMgr final : public IAgentHub {
   uint32_t SetCloudAddr(CPString strAddr);
   uint32_t TestCloudAddr(CPString strAddr);
   uint32_t TestLbCloudAddr(CPString strAddr);  // deliberately unsupported: -1
-  CPString GetConnectData();
-  CPString GetClientReady();
-  CPString GetLbData();
-  int IsConnect() override;
+  // Check thread: 1 when an address of the list ("a,b,c") answers. Pauses 5 s between tries while working.
+  int CheckMsgSrvAddrSet(const CPString& strAddrList);
+  int ReMsgSrvAddrSet();  // check thread: 1 when the pending message-server setting was verified just now
+  CPString GetConnectData() TS_EXCLUDES(m_csConnect);
+  CPString GetClientReady() TS_EXCLUDES(m_csData);
+  CPString GetLbData() TS_EXCLUDES(m_csData);
+  int IsConnect() override TS_EXCLUDES(m_csConnect);
 
-  // --- Callbacks of the cloud library (its threads): copy into the work queue, nothing else.
+  // --- Callbacks of the cloud library (its threads): copy into the work queue, nothing else. 0, or -1 when
+  // the event was dropped. A length of 0 means the whole text; texts are not read past their length.
   static int ZxcloudPushmsgCallback(int iPcid, const char* pszMsg);
   static int ZxcloudTconfCallback(int iFlag, const char* pszTconfArg);
   static int ZxcloudConnectCallback(const char* pszIp, unsigned short wPort);
@@ -147,11 +167,39 @@ class CAgentMgr final : public IAgentHub {
   CAgentSendMsg& Sender() { return m_AgentSendMsg; }
 
  private:
-  static CAgentMgr* m_pThis;
+  void StartThreads() TS_EXCLUDES(m_csStatus);
+  int CreateWorkThread() TS_EXCLUDES(m_csStatus);
+  int CreatePollMsgThread() TS_EXCLUDES(m_csStatus);
+  bool ThreadsBegun() TS_EXCLUDES(m_csStatus);
+  bool HasThreads() TS_EXCLUDES(m_csStatus);
+  bool ThreadsEnded() TS_EXCLUDES(m_csStatus);
+  int WaitThreads();
+  void CancelThreads() TS_EXCLUDES(m_csStatus);
+  int EndThreads();
+
+  void WorkLoop();
+  void HandleRecord(const ZxMsgRecord& record);
+  void PollLoop();
+  void Poll(_PollState& state, uint32_t dwNow, int iPollerCycle, int bIsOnlyShort);
+  void CheckLoop();
+
+  uint32_t SetInitOptions(int bIsOnlyShort, int bReInit, const CPString& strLocalIp);
+  uint32_t OpenZxcloud(int bIsOnlyShort, int bReInit, const CPString& strConfigInnerPath);
+  bool ZxcloudShortAddr(const CPString& strLocal, const CPString& strRemote);
+  bool ZxcloudLongAddr(const CPString& strLocal, const CPString& strRemote);
+
+  void RefreshKnownMid(_MidInfoData& current, _MidInfoData& stored, const CPStrList& macList, int bSave,
+                       int bSysMid);
+  void LoadTermConnect();
+  void LoadMsgSrvAddrSet();
+
+  static std::atomic<CAgentMgr*> m_pThis;
 
   IBusContext* m_pCompCtx = nullptr;
   GUID m_guidTaskMgr;
-  CPString m_strSystemRoot;
+  const CPString m_strSystemRoot;
+  const TSleepMs m_fnSleepMs;
+  std::atomic<uint32_t> m_uZxcloudInits{0};  // successful initialisations of the cloud library
 
   CCritSec m_csConnect;
   CPString m_strConnectData TS_GUARDED_BY(m_csConnect);
@@ -168,6 +216,7 @@ class CAgentMgr final : public IAgentHub {
   ZxMsgQueue m_queueData;
   HZxEvent m_hEventPollMsg = nullptr;
   HZxEvent m_hEventCheck = nullptr;
+  HZxEvent m_hEventBegun = nullptr;  // a thread that Start created has begun
 
   CCritSec m_csStatus;
   int m_iWorkStatus TS_GUARDED_BY(m_csStatus) = 0;  // 0 not running or asked to stop, 1 running, 2 ended
