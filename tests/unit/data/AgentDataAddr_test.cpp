@@ -9,9 +9,6 @@
 namespace {
 
 using ::testing::Contains;
-using ::testing::Each;
-using ::testing::HasSubstr;
-using ::testing::Not;
 using ::testing::StartsWith;
 
 constexpr char kWorking[] = "etc/zxagent/inner/zxagent.json";
@@ -104,7 +101,6 @@ TEST_F(Addr, UpdateCloudAddr_WritesLbconf_WhenHeartbeatIsOn) {
 
 TEST_F(Addr, UpdateCloudAddr_NamesTheLbconfStep_WhenMemoryRunsOut) {
   m_data.SetDisableHb(0);
-  std::vector<std::string> lines;
   for (const char* pszText : {R"({"tconf":{}})", R"({"lbconf":{"lbconf_url":"old"}})"}) {
     bool bHit = true;
     for (unsigned int uAllowed = 0; bHit && uAllowed < 200; ++uAllowed) {

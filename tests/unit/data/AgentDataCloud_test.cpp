@@ -11,7 +11,6 @@ using ::testing::Contains;
 using ::testing::Each;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr char kFile[] = "etc/zxagent/zxcloud.json";
 constexpr char kFull[] =

@@ -12,7 +12,6 @@ using ::testing::Contains;
 using ::testing::Each;
 using ::testing::HasSubstr;
 using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr char kSampleGuid[] = "5A3B7C1E-2D4F-4A6B-8C9D-0E1F2A3B4C5D";
 

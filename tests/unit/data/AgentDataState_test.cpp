@@ -8,10 +8,6 @@
 namespace {
 
 using ::testing::Contains;
-using ::testing::Each;
-using ::testing::HasSubstr;
-using ::testing::Not;
-using ::testing::StartsWith;
 
 constexpr char kWorking[] = "etc/zxagent/inner/zxagent.json";
 constexpr char kReport[] = "etc/zxagent/inner/pubmsgreport.json";

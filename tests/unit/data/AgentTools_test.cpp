@@ -14,7 +14,6 @@
 namespace {
 
 using ::testing::Contains;
-using ::testing::IsEmpty;
 
 class AgentTools : public CLogFixture {
  protected:
@@ -27,7 +26,7 @@ class AgentTools : public CLogFixture {
     if (hModule == nullptr)
       return std::string("dlopen: ") + dlerror();
     auto* pfnHome = reinterpret_cast<const char* (*)(HLog)>(dlsym(hModule, "ProbeHome"));
-    const std::string strHome = pfnHome != nullptr ? pfnHome(g_hLogMain.load()) : "no ProbeHome";
+    std::string strHome = pfnHome != nullptr ? pfnHome(g_hLogMain.load()) : "no ProbeHome";
     dlclose(hModule);
     return strHome;
   }
