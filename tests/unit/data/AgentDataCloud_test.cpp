@@ -1,4 +1,5 @@
 #include <gmock/gmock.h>
+#include <sys/resource.h>
 
 #include <cerrno>
 #include <thread>
@@ -255,6 +256,18 @@ TEST(Interfaces, ListInterfaces_GivesNamesAndDottedAddresses) {
     EXPECT_THAT(entry.strName.Str(), Not(::testing::IsEmpty()));
     EXPECT_THAT(entry.strAddr.Str(), ::testing::MatchesRegex("[0-9]+\\.[0-9]+\\.[0-9]+\\.[0-9]+"));
   }
+}
+
+TEST(Interfaces, ListInterfaces_Fails_WhenNoSocketIsLeft) {
+  rlimit old{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &old), 0);
+  const rlimit none{0, old.rlim_max};
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &none), 0);
+  std::vector<_InterfaceAddr> list = {{"stale", ""}};
+  const bool bListed = ListInterfaces(list);
+  ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &old), 0);
+  EXPECT_FALSE(bListed);
+  EXPECT_TRUE(list.empty());
 }
 
 TEST(Interfaces, CutPort_CutsBeforeLastColon) {

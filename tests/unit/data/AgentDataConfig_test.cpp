@@ -393,6 +393,9 @@ TEST_F(CacheAttribute, Read_KeepsTopBit) {
   WriteFile(kAttributes, R"({"zxagent":{"filesize":0,"lastwritetime":4294967296}})");
   EXPECT_EQ(Read(), 1);
   EXPECT_EQ(m_dwLastWriteTime, 4294967295u);
+  WriteFile(kAttributes, R"({"zxagent":{"filesize":0,"lastwritetime":-4294967297}})");
+  EXPECT_EQ(Read(), 1);
+  EXPECT_EQ(m_dwLastWriteTime, 0u);
 }
 
 TEST_F(CacheAttribute, SaveAndRead_RoundTripWideSizes) {
