@@ -77,6 +77,8 @@ CPString NumberText(double dValue) {
   std::to_chars_result result{};
   if (!std::isfinite(dValue))
     return "null";  // as it is written into a document
+  if (dValue == 0)
+    return "0";  // also for a negative zero
   if (std::trunc(dValue) == dValue && std::fabs(dValue) < kEndOfUInt64)
     result = std::to_chars(szNumber, szNumber + sizeof(szNumber), dValue, std::chars_format::fixed);
   else
