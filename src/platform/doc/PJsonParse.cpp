@@ -6,6 +6,7 @@
 #include <charconv>
 #include <climits>
 #include <cmath>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
@@ -17,8 +18,6 @@ namespace zxtools {
 
 namespace {
 
-// From here on a double holds whole numbers only, and cJSON would print most of them with an exponent.
-constexpr double kFirstWideInteger = 9007199254740992.0;
 constexpr double kEndOfUInt64 = 18446744073709551616.0;
 
 struct CDeleteJson {
@@ -72,6 +71,18 @@ bool IsWithinLimits(std::string_view sv) {
   return true;
 }
 
+int SaturateInt(long lValue) {
+  if (lValue > INT_MAX)
+    return INT_MAX;
+  return lValue < INT_MIN ? INT_MIN : static_cast<int>(lValue);
+}
+
+int SaturateInt(double dValue) {
+  if (dValue >= static_cast<double>(INT_MAX))
+    return INT_MAX;
+  return dValue <= static_cast<double>(INT_MIN) ? INT_MIN : static_cast<int>(dValue);
+}
+
 CPString NumberText(double dValue) {
   char szNumber[400];
   std::to_chars_result result{};
@@ -86,12 +97,37 @@ CPString NumberText(double dValue) {
   return {szNumber, static_cast<size_t>(result.ptr - szNumber)};
 }
 
-// Wide integers go in as ready text: the document then holds all their digits.
+// cJSON prints 15 digits when they are close enough, and long whole numbers with an exponent. A number that
+// would change that way is held as ready text (cJSON_Raw), so that documents keep their numbers.
+bool NeedsText(double dValue, CPString& strText) {
+  if (!std::isfinite(dValue) || dValue == SaturateInt(dValue))
+    return false;
+  char szPrinted[32];
+  std::snprintf(szPrinted, sizeof(szPrinted), "%1.15g", dValue);
+  strText = NumberText(dValue);
+  return strText != CPString(szPrinted);
+}
+
 cJSON* CreateNumber(double dValue) {
-  if (std::trunc(dValue) == dValue && std::fabs(dValue) >= kFirstWideInteger &&
-      std::fabs(dValue) < kEndOfUInt64)
-    return cJSON_CreateRaw(NumberText(dValue).c_str());
-  return cJSON_CreateNumber(dValue);
+  CPString strText;
+  return NeedsText(dValue, strText) ? cJSON_CreateRaw(strText.c_str()) : cJSON_CreateNumber(dValue);
+}
+
+// The same for what was parsed; the depth is bounded by then. False when out of memory.
+bool KeepNumbers(cJSON* pNode) {
+  CPString strText;
+  if (cJSON_IsNumber(pNode) != 0 && NeedsText(pNode->valuedouble, strText)) {
+    pNode->valuestring = static_cast<char*>(cJSON_malloc(strText.GetLength() + 1));
+    if (pNode->valuestring == nullptr)
+      return false;
+    std::memcpy(pNode->valuestring, strText.c_str(), strText.GetLength() + 1);
+    pNode->type = cJSON_Raw;
+  }
+  for (cJSON* pChild = pNode->child; pChild != nullptr; pChild = pChild->next) {
+    if (!KeepNumbers(pChild))
+      return false;
+  }
+  return true;
 }
 
 // As strtod, but independent of the locale.
@@ -105,18 +141,6 @@ double TextToDouble(const char* psz) {
   if (eError == std::errc::result_out_of_range)
     return std::strtod(psz, nullptr);  // overflow and underflow as strtod has them
   return dValue;
-}
-
-int SaturateInt(long lValue) {
-  if (lValue > INT_MAX)
-    return INT_MAX;
-  return lValue < INT_MIN ? INT_MIN : static_cast<int>(lValue);
-}
-
-int SaturateInt(double dValue) {
-  if (dValue >= static_cast<double>(INT_MAX))
-    return INT_MAX;
-  return dValue <= static_cast<double>(INT_MIN) ? INT_MIN : static_cast<int>(dValue);
 }
 
 bool PrintNode(const cJSON* pNode, bool bFormatted, CPString& strText) {
@@ -179,6 +203,8 @@ int CPJsonParse::LoadBuffer(const char* pData, size_t uLength) {
     return 0;
   const std::string_view svRest = svText.substr(static_cast<size_t>(pEnd - pData));
   if (svRest.find_first_not_of(" \t\r\n") != std::string_view::npos)
+    return 0;
+  if (!KeepNumbers(pRoot.get()))
     return 0;
   Reset(pRoot.release());
   return 1;
@@ -244,7 +270,9 @@ int CPJsonParse::GetIntValue(HJsonNode hNode, int& iValue) {
     iValue = SaturateInt(hNode->valuedouble);
   else if (cJSON_IsBool(hNode) != 0)
     iValue = cJSON_IsTrue(hNode) != 0 ? 1 : 0;
-  else if (cJSON_IsString(hNode) != 0 || cJSON_IsRaw(hNode) != 0)
+  else if (cJSON_IsRaw(hNode) != 0)
+    iValue = SaturateInt(TextToDouble(hNode->valuestring));
+  else if (cJSON_IsString(hNode) != 0)
     iValue = SaturateInt(std::strtol(hNode->valuestring, nullptr, 10));
   else
     return 0;

@@ -2,7 +2,8 @@
 // as long as the document and its structure. Threads: one thread at a time per object.
 // Results: 1 done, 0 failed. Nothing here logs or throws.
 // Limits: kJsonMaxBytes of text, kJsonMaxDepth levels and about kJsonMaxValues values; beyond them loading
-// fails. A text that holds a NUL byte is refused.
+// fails. A text that holds a NUL byte is refused. Numbers are doubles and keep their value when a document is
+// loaded and written again; that may need the node type cJSON_Raw, so read nodes through GetXxxValue only.
 #pragma once
 
 #include <cstddef>

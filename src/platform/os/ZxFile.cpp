@@ -65,12 +65,14 @@ bool Fail(int iError) {
   return false;
 }
 
-// A name that holds a NUL would open another file than the one that was asked for.
+// A name that holds a NUL would reach another file than the one that was asked for.
+bool IsName(const CPString& strFile) {
+  return strFile.View().find('\0') == std::string_view::npos || Fail(EINVAL);
+}
+
 int OpenRetry(const CPString& strFile, int iFlags, mode_t mode = 0) {
-  if (strFile.Find(std::string_view("", 1)) != CPString::npos) {
-    errno = EINVAL;
+  if (!IsName(strFile))
     return -1;
-  }
   int iFd = -1;
   do {
     iFd = open(strFile.c_str(), iFlags | O_CLOEXEC | O_NOCTTY, mode);
@@ -230,18 +232,19 @@ bool ZxSyncedRename(const CPString& strSrc, const CPString& strDst) {
     if (!fd.IsOpen() || fsync(fd.Get()) != 0)
       return false;
   }
-  return rename(strSrc.c_str(), strDst.c_str()) == 0 && SyncDirectory(DirectoryOf(strDst.Str()));
+  return IsName(strDst) && rename(strSrc.c_str(), strDst.c_str()) == 0 &&
+         SyncDirectory(DirectoryOf(strDst.Str()));
 }
 
 bool ZxIsFileExisted(const CPString& strFile) {
-  return access(strFile.c_str(), F_OK) == 0;
+  return IsName(strFile) && access(strFile.c_str(), F_OK) == 0;
 }
 
 bool ZxCopyFile(const CPString& strSrc, const CPString& strDst, int bFailIfExists) {
   const CNoCancel noCancel;
   CFd fdSrc(OpenRetry(strSrc, O_RDONLY | O_NONBLOCK));
   struct stat st {};
-  if (!IsRegular(fdSrc, st))
+  if (!IsRegular(fdSrc, st) || !IsName(strDst))
     return false;
   if (bFailIfExists != 0 && ZxIsFileExisted(strDst))
     return Fail(EEXIST);
@@ -261,7 +264,7 @@ bool ZxCopyFile(const CPString& strSrc, const CPString& strDst, int bFailIfExist
 
 bool ZxGetFileAttr(const CPString& strFile, uint64_t& u64Size, uint32_t& dwLastWriteTime) {
   struct stat st {};
-  const bool bOk = stat(strFile.c_str(), &st) == 0;
+  const bool bOk = IsName(strFile) && stat(strFile.c_str(), &st) == 0;
   u64Size = bOk ? static_cast<uint64_t>(st.st_size) : 0;
   dwLastWriteTime = bOk ? static_cast<uint32_t>(st.st_mtim.tv_sec) : 0;
   return bOk;

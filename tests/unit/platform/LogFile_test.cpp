@@ -147,9 +147,8 @@ TEST_F(LogFile_test, Files_RotateBySize) {
   // The newest lines without a gap.
   ASSERT_GT(texts.size(), 50u);
   for (size_t u = 0; u < texts.size(); ++u) {
-    char szExpect[16];
-    snprintf(szExpect, sizeof(szExpect), "line %04d", kLines - static_cast<int>(texts.size() - u));
-    EXPECT_EQ(texts[u], szExpect);
+    const int iLine = kLines - static_cast<int>(texts.size() - u);
+    EXPECT_EQ(texts[u], CPString::Make("line %04d", iLine).Str());
   }
 }
 

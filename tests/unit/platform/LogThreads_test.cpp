@@ -151,8 +151,9 @@ TEST_F(LogThreads_test, Sink_IsNotEntered_OnceItIsReplaced) {
   });
   for (int i = 0; i < 200; ++i) {
     CLogCapture capture;  // its destruction races with the logging thread
-    if (i == 0)
+    if (i == 0) {
       EXPECT_TRUE(capture.WaitFor("line"));
+    }
   }
   bStop = true;
   thread.join();

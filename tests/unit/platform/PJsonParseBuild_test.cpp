@@ -5,6 +5,7 @@
 #include <climits>
 #include <cmath>
 #include <string>
+#include <vector>
 
 #include "platform/doc/PJsonParse.h"
 #include "support/TempHome.h"
@@ -100,6 +101,19 @@ TEST(PJsonParseBuild_test, Numbers_SurviveWritingAndReading) {
       RC_ASSERT(dRead == d);
     }
   }));
+}
+
+TEST(PJsonParseBuild_test, Numbers_StayAsTheyAre_WhenADocumentIsLoadedAndWritten) {
+  CPJsonParse json;
+  const char* pszText =
+      "{\"a\":9007199254740991,\"b\":[1000000000000000,61.896159999999995],\"c\":1e+30,\"d\":-0.1,\"e\":0}";
+  ASSERT_EQ(json.LoadBuffer(pszText), 1);
+  EXPECT_EQ(TextOf(json), CPString(pszText));
+  int iValue = 0;
+  std::vector<HJsonNode> list;
+  ASSERT_EQ(json.GetAllNode(json.GetNode("b"), list), 1);
+  EXPECT_EQ(CPJsonParse::GetIntValue(list[1], iValue), 1);
+  EXPECT_EQ(iValue, 61);
 }
 
 TEST(PJsonParseBuild_test, Texts_SurviveWritingAndReading) {

@@ -1,5 +1,6 @@
 #include "platform/os/ZxFile.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/resource.h>

@@ -7,6 +7,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "platform/os/ZxEvent.h"
@@ -50,11 +51,10 @@ TEST(ZxModule_test, Path_FitsACapacityWithoutTheNul) {
 
 TEST(ZxModule_test, Path_IsUnknown_ForAHeapAddress) {
   char szPath[64] = {};
-  const void* pHeap = std::malloc(1);
+  const auto pHeap = std::make_unique<char>();
   errno = 0;
-  EXPECT_FALSE(ZxGetModuleFilePath(pHeap, szPath, sizeof(szPath) - 1));
+  EXPECT_FALSE(ZxGetModuleFilePath(pHeap.get(), szPath, sizeof(szPath) - 1));
   EXPECT_EQ(errno, ENOENT);
-  std::free(const_cast<void*>(pHeap));
   EXPECT_FALSE(ZxGetModuleFilePath(nullptr, szPath, sizeof(szPath) - 1));
 }
 
