@@ -17,7 +17,16 @@ namespace {
 constexpr int kStatusRunning = 1;
 constexpr int kStatusEnded = 2;
 constexpr int kIdleSeconds = 9;
+constexpr uint32_t kPauseMs = 1000;
 constexpr uint32_t kRecordWaitMs = 5000;
+
+// Without an event (memory was out) the pause only ends by itself.
+void Pause(HZxEvent hEvent) {
+  if (hEvent != nullptr)
+    ZxWaitEventTimeout(hEvent, kPauseMs);
+  else
+    std::this_thread::sleep_for(std::chrono::milliseconds(kPauseMs));
+}
 
 bool IsCloudConnected() {
   IAgentHub* pHub = AgentHub();
@@ -40,8 +49,12 @@ int CAgentSendMsg::GetResendStatus() {
 }
 
 void CAgentSendMsg::SetResendStatus(int iResendStatus) {
-  CCritLock lock(m_csResend);
-  m_iResendStatus = iResendStatus;
+  {
+    CCritLock lock(m_csResend);
+    m_iResendStatus = iResendStatus;
+  }
+  if (m_hEventResend != nullptr)
+    ZxSetEvent(m_hEventResend);
 }
 
 void* CAgentSendMsg::ReSendMsgThread(void* pThis) {
@@ -66,7 +79,7 @@ void* CAgentSendMsg::ReSendMsgThread(void* pThis) {
     int iIdle = 0;
     while (pSender->GetResendStatus() == kStatusRunning) {
       if (pSender->ResendStep(iIdle))
-        std::this_thread::sleep_for(std::chrono::seconds(1));
+        Pause(pSender->m_hEventResend);
     }
   } catch (const std::exception& e) {
     LogError("**zxagent CAgentSendMsg::ReSendMsgThread exception what[%s]", e.what());

@@ -31,7 +31,7 @@ _MainSend SendMain(const _SendCall& call, const CPString& strSendMsg) {
 
 }  // namespace
 
-CAgentSendMsg::CAgentSendMsg() {
+CAgentSendMsg::CAgentSendMsg() : m_hEventResend(ZxCreateEvent()) {
   ZxMsgQueueInit(m_queueResend);
 }
 
@@ -40,6 +40,7 @@ CAgentSendMsg::~CAgentSendMsg() {
   while (ZxGetMsgFromQueue(m_queueResend, record, 0))
     delete static_cast<_ResendData*>(record.pData);
   ZxMsgQueueFini(m_queueResend);
+  ZxDestroyEvent(m_hEventResend);
 }
 
 int CAgentSendMsg::Init() {

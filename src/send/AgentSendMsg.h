@@ -10,6 +10,7 @@
 
 #include "platform/os/ThreadSafety.h"
 #include "platform/os/ZxCritSec.h"
+#include "platform/os/ZxEvent.h"
 #include "platform/os/ZxMsgQueue.h"
 #include "platform/text/PString.h"
 
@@ -54,8 +55,8 @@ class CAgentSendMsg {
   uint32_t ZxcloudPollMessage(int bVerbose, const CPString& strBusinessId);
 
   // --- Resend facility: complete, but nothing starts its thread and nothing queues for it. Whoever wires it
-  // up starts the thread with this sender as argument and sets the status to anything but 1 to stop it; it
-  // then ends within a second.
+  // up starts the thread with this sender as argument and sets the status to anything but 1 to stop it, which
+  // also wakes it.
   static void* ReSendMsgThread(void* pThis);
   // Takes pData over; false when the queue is full, pData is then deleted.
   bool InsertResendMsg(_ResendData* pData);
@@ -87,5 +88,6 @@ class CAgentSendMsg {
   CCritSec m_csResend;
   int m_iResendStatus TS_GUARDED_BY(m_csResend) = 0;  // 0 never started, 1 running, 2 ended
   pthread_t m_hThreadResendId TS_GUARDED_BY(m_csResend) = 0;
-  ZxMsgQueue m_queueResend;  // of _ResendData
+  const HZxEvent m_hEventResend;  // ends the thread's pause
+  ZxMsgQueue m_queueResend;       // of _ResendData
 };

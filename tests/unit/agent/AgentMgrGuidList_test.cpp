@@ -1,3 +1,6 @@
+#include <atomic>
+#include <thread>
+
 #include "agent/CommandFixture.h"
 #include "send/AgentCallback.h"
 
@@ -121,4 +124,22 @@ TEST_F(AgentMgrGuidList, AuthChange_KeepsTheRoutesAndPublishesNothing_WhenNoPlug
   CPString strJson;
   EXPECT_EQ(m_mgr.GetTaskmgrGuidList(strJson), 1);
   EXPECT_EQ(strJson, kGuidList);
+}
+
+// Rebuilds come on bus threads while the work thread routes and bus threads complete.
+TEST_F(AgentMgrGuidList, AuthChange_MayComeWhileCommandsAreRouted) {
+  constexpr int kCommands = 100;
+  m_bus.CompleteAtOnce(0, "");
+  std::atomic<bool> bStop{false};
+  std::thread rebuilder([&] {
+    while (!bStop.load())
+      EXPECT_EQ(m_mgr.NotifyAuthChange(), 0u);
+  });
+  for (int i = 0; i < kCommands; ++i)
+    EXPECT_EQ(m_mgr.ZxcloudPushmsg(kPcidScan, R"({"ID":"1","Command":"fanout"})"), 1);
+  bStop = true;
+  rebuilder.join();
+  SettleAll();
+  EXPECT_THAT(HandOffs(), SizeIs(2 * kCommands));
+  EXPECT_THAT(Acks(), SizeIs(2 * kCommands));
 }
