@@ -127,8 +127,10 @@ _Reply CCloudService::Upload(const std::string& strMid, const std::string& strMe
   return reply;
 }
 
-_Reply CCloudService::Health() const {
-  if (!m_store.Healthy())
+_Reply CCloudService::Health() {
+  // After a failure only a write shows whether the disk takes data again.
+  const auto probe = [](CSqlite& db) { return db.Exec("UPDATE agents SET last_seen = last_seen"); };
+  if (!m_store.Healthy() && !m_store.Run(probe))
     return Failure(503, "the store does not work");
   _Reply reply;
   reply.strBody = "{\"status\":\"ok\"}";

@@ -43,7 +43,7 @@ class CCloudService {
   _Reply Poll(const std::string& strMid, const std::string& strXml);
   _Reply Upload(const std::string& strMid, const std::string& strMessageId, const std::string& strPriority,
                 const std::string& strUpload);
-  _Reply Health() const;
+  _Reply Health();
 
   // For the broker link. True: everything that must survive is on disk, so the messages may be acknowledged.
   bool OnMessages(const std::vector<_BrokerMessage>& listMessages);

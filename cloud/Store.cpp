@@ -163,20 +163,21 @@ void CStore::Loop() {
 }
 
 void CStore::RunGroup(const std::deque<_Job*>& listJobs) {
+  std::string strError;
   bool bOk = m_db.Exec("BEGIN IMMEDIATE");
   for (_Job* pJob : listJobs)
-    bOk = bOk && RunOne(*pJob);
-  if (bOk)
-    bOk = m_db.Exec("COMMIT");
+    bOk = bOk && RunOne(*pJob, strError);
+  bOk = bOk && m_db.Exec("COMMIT");
   if (!bOk) {
-    if (m_bHealthy.exchange(false))
-      LogErrorTo(
-          CloudLog(),
-          "**zxcloudd store commit failed, uploads and commands are refused until it works again error[%s]",
-          m_db.Error());
+    strError = m_db.Error();
     m_db.Exec("ROLLBACK");
-  } else if (!m_bHealthy.exchange(true)) {
-    LogInfoTo(CloudLog(), "zxcloudd store works again");
+  }
+  const bool bHealthy = strError.empty();
+  if (m_bHealthy.exchange(bHealthy) != bHealthy) {
+    if (bHealthy)
+      LogInfoTo(CloudLog(), "zxcloudd store works again");
+    else
+      LogErrorTo(CloudLog(), "**zxcloudd store failed, what it refuses comes again error[%s]", strError);
   }
   for (_Job* pJob : listJobs) {
     pJob->bResult = pJob->bResult && bOk;
@@ -184,15 +185,17 @@ void CStore::RunGroup(const std::deque<_Job*>& listJobs) {
   }
 }
 
-// False when the transaction itself is broken; a job that fails alone is undone alone.
-bool CStore::RunOne(_Job& job) {
+// False when the transaction itself is broken; a job that fails alone is undone alone and leaves strError.
+bool CStore::RunOne(_Job& job, std::string& strError) {
   if (!m_db.Exec("SAVEPOINT job"))
     return false;
   try {
     job.bResult = (*job.pJob)(m_db);
+    if (!job.bResult)
+      strError = m_db.Error();
   } catch (const std::exception& e) {
-    LogErrorTo(CloudLog(), "**zxcloudd store job failed what[%s]", e.what());
     job.bResult = false;
+    strError = e.what();
   }
   if (!job.bResult && !m_db.Exec("ROLLBACK TO job"))
     return false;

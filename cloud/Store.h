@@ -32,9 +32,10 @@ class CStore {
   // Ends after the jobs that wait; later ones fail at once. Idempotent.
   void Close();
 
-  // True: the job answered true and its changes are on disk. False: nothing of it happened.
+  // True: the job answered true and its changes are on disk. False: nothing of it happened. A job answers
+  // false only when the database failed.
   bool Run(const TJob& job) TS_EXCLUDES(m_csQueue);
-  // False while commits fail (disk full, for instance); true again after the next one that works.
+  // False after a job or a commit failed (disk full, for instance), true again after the next that works.
   bool Healthy() const { return m_bHealthy.load(std::memory_order_relaxed); }
 
  private:
@@ -47,7 +48,7 @@ class CStore {
   bool CreateSchema(std::string& strError);
   void Loop();
   void RunGroup(const std::deque<_Job*>& listJobs);
-  bool RunOne(_Job& job);
+  bool RunOne(_Job& job, std::string& strError);
 
   CSqlite m_db;  // the store's thread only, once it runs
   int m_iLockFd = -1;

@@ -1,0 +1,164 @@
+#include "cloud/Store.h"
+
+#include <fcntl.h>
+#include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "CloudFixture.h"
+
+namespace zxcloudd {
+namespace {
+
+int64_t Count(CStore& store, const char* pszSql) {
+  int64_t i64 = -1;
+  store.Run([&](CSqlite& db) {
+    bool bOk = false;
+    i64 = db.Query(pszSql).Number(-1, bOk);
+    return bOk;
+  });
+  return i64;
+}
+
+class CStore_ : public CStoreTest {};
+
+TEST_F(CStore_, FilesArePrivate) {
+  EXPECT_EQ(m_home.Mode("state"), 0700u);
+  EXPECT_EQ(m_home.Mode("state/zxcloudd.db"), 0600u);
+}
+
+TEST_F(CStore_, Open_RefusesASecondDaemon) {
+  CStore other;
+  std::string strError;
+  EXPECT_FALSE(other.Open(StateDir(), strError));
+  EXPECT_THAT(strError, testing::HasSubstr("in use"));
+}
+
+TEST_F(CStore_, Open_NamesADirectoryThatCannotBeMade) {
+  CStore other;
+  std::string strError;
+  EXPECT_FALSE(other.Open(m_home.Path("none/deep").Str(), strError));
+  EXPECT_THAT(strError, testing::HasSubstr("No such file"));
+}
+
+TEST_F(CStore_, Open_RefusesAFileThatIsNoDatabase) {
+  m_pStore->Close();
+  m_home.Remove("state/zxcloudd.db-wal");
+  m_home.WriteFile("state/zxcloudd.db", CPString(std::string(8192, 'x')));
+  CStore other;
+  std::string strError;
+  EXPECT_FALSE(other.Open(StateDir(), strError));
+  EXPECT_THAT(strError, testing::HasSubstr("not a database"));
+}
+
+TEST_F(CStore_, Open_RefusesANewerSchema) {
+  ASSERT_TRUE(Run([](CSqlite& db) { return db.Exec("PRAGMA user_version=99"); }));
+  m_pStore->Close();
+  CStore other;
+  std::string strError;
+  EXPECT_FALSE(other.Open(StateDir(), strError));
+  EXPECT_THAT(strError, testing::HasSubstr("newer"));
+}
+
+TEST_F(CStore_, Run_FailedJobLeavesNothing_OthersOfTheGroupStay) {
+  std::vector<std::thread> listThreads;
+  std::atomic<int> iDone{0};
+  for (int i = 0; i < 32; ++i) {
+    listThreads.emplace_back([&, i] {
+      const std::string strMid = "m" + std::to_string(i);
+      const bool bGood = i % 2 == 0;
+      const bool bResult = Run([&](CSqlite& db) {
+        bool bFull = false;
+        return CAgentTable::Seen(db, strMid, 1, 1000, bFull) && bGood;
+      });
+      EXPECT_EQ(bResult, bGood);
+      iDone += bResult ? 1 : 0;
+    });
+  }
+  for (std::thread& thread : listThreads)
+    thread.join();
+  EXPECT_EQ(iDone, 16);
+  EXPECT_EQ(Count(*m_pStore, "SELECT COUNT(*) FROM agents WHERE mid LIKE 'm%'"), 16);
+}
+
+TEST_F(CStore_, Run_ExceptionInAJobIsAFailure) {
+  EXPECT_FALSE(Run([](CSqlite&) -> bool { throw std::runtime_error("x"); }));
+  EXPECT_FALSE(m_pStore->Healthy());
+  EXPECT_EQ(Count(*m_pStore, "SELECT COUNT(*) FROM agents"), 1);
+  EXPECT_TRUE(m_pStore->Healthy());
+}
+
+TEST_F(CStore_, Run_AfterCloseFails) {
+  m_pStore->Close();
+  EXPECT_FALSE(Run([](CSqlite&) { return true; }));
+  EXPECT_FALSE(m_pStore->Healthy());
+}
+
+TEST_F(CStore_, Healthy_IsFalseWhileCommitsFail_AndRecovers) {
+  // The database may not grow any more: SQLite answers as on a full disk.
+  ASSERT_TRUE(Run([](CSqlite& db) {
+    bool bOk = false;
+    const int64_t i64Pages = db.Query("PRAGMA page_count").Number(0, bOk);
+    return bOk &&
+           db.Query(("PRAGMA max_page_count=" + std::to_string(i64Pages)).c_str()).Step() == EStep::Row;
+  }));
+  const std::string strBig(200000, 'x');
+  const auto write = [&](CSqlite& db) {
+    return db.Query("UPDATE agents SET version=? WHERE mid=?").Bind(strBig).Bind(kMid).Run();
+  };
+  EXPECT_FALSE(Run(write));
+  EXPECT_FALSE(m_pStore->Healthy());
+  ASSERT_TRUE(
+      Run([](CSqlite& db) { return db.Query("PRAGMA max_page_count=1000000").Step() == EStep::Row; }));
+  EXPECT_TRUE(Run(write));
+  EXPECT_TRUE(m_pStore->Healthy());
+}
+
+TEST_F(CStore_, Reopen_KeepsWhatWasCommitted) {
+  Reopen();
+  EXPECT_EQ(Count(*m_pStore, "SELECT COUNT(*) FROM agents"), 1);
+}
+
+// A child commits one agent after the other and says so on a pipe, until it is killed with -9; everything it
+// said must be there.
+TEST_F(CStore_, Kill_LosesNothingThatWasCommitted) {
+  m_pStore->Close();
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  const pid_t iChild = fork();
+  ASSERT_GE(iChild, 0);
+  if (iChild == 0) {
+    CStore store;
+    std::string strError;
+    if (!store.Open(StateDir(), strError))
+      _exit(1);
+    for (int i = 0;; ++i) {
+      const bool bDone = store.Run([&](CSqlite& db) {
+        bool bFull = false;
+        return CAgentTable::Seen(db, "k" + std::to_string(i), 1, 1000000, bFull);
+      });
+      if (!bDone || write(fds[1], &i, sizeof(i)) != sizeof(i))
+        _exit(1);
+    }
+  }
+  close(fds[1]);
+  int iLast = -1;
+  while (iLast < 50 && read(fds[0], &iLast, sizeof(iLast)) == sizeof(iLast)) {
+  }
+  kill(iChild, SIGKILL);
+  while (read(fds[0], &iLast, sizeof(iLast)) == sizeof(iLast)) {
+  }
+  close(fds[0]);
+  int iStatus = 0;
+  ASSERT_EQ(waitpid(iChild, &iStatus, 0), iChild);
+  ASSERT_TRUE(WIFSIGNALED(iStatus));
+  Reopen();
+  EXPECT_GE(Count(*m_pStore, "SELECT COUNT(*) FROM agents WHERE mid LIKE 'k%'"), iLast + 1);
+}
+
+}  // namespace
+}  // namespace zxcloudd
