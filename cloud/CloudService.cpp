@@ -128,8 +128,11 @@ _Reply CCloudService::Upload(const std::string& strMid, const std::string& strMe
 }
 
 _Reply CCloudService::Health() {
-  // After a failure only a write shows whether the disk takes data again.
-  const auto probe = [](CSqlite& db) { return db.Exec("UPDATE agents SET last_seen = last_seen"); };
+  // After a failure only a write shows whether the disk takes data again; an unchanged row is not written.
+  const auto probe = [](CSqlite& db) {
+    return db.Exec("CREATE TABLE probe(x)") && db.Exec("INSERT INTO probe VALUES(1)") &&
+           db.Exec("DROP TABLE probe");
+  };
   if (!m_store.Healthy() && !m_store.Run(probe))
     return Failure(503, "the store does not work");
   _Reply reply;

@@ -105,6 +105,10 @@ int CSqlite::Changes() const {
   return sqlite3_changes(m_pDb);
 }
 
+int64_t CSqlite::TotalChanges() const {
+  return sqlite3_total_changes64(m_pDb);
+}
+
 int64_t CSqlite::LastRowId() const {
   return sqlite3_last_insert_rowid(m_pDb);
 }

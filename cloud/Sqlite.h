@@ -53,7 +53,8 @@ class CSqlite {
   void Close();
   bool Exec(const char* pszSql);
   CStatement Query(const char* pszSql);
-  int Changes() const;
+  int Changes() const;  // of the last statement
+  int64_t TotalChanges() const;
   int64_t LastRowId() const;
   const char* Error() const;
 

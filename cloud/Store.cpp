@@ -164,6 +164,7 @@ void CStore::Loop() {
 
 void CStore::RunGroup(const std::deque<_Job*>& listJobs) {
   std::string strError;
+  const int64_t i64Before = m_db.TotalChanges();
   bool bOk = m_db.Exec("BEGIN IMMEDIATE");
   for (_Job* pJob : listJobs)
     bOk = bOk && RunOne(*pJob, strError);
@@ -172,7 +173,8 @@ void CStore::RunGroup(const std::deque<_Job*>& listJobs) {
     strError = m_db.Error();
     m_db.Exec("ROLLBACK");
   }
-  const bool bHealthy = strError.empty();
+  // Reading proves nothing about the disk.
+  const bool bHealthy = strError.empty() && (m_bHealthy || m_db.TotalChanges() != i64Before);
   if (m_bHealthy.exchange(bHealthy) != bHealthy) {
     if (bHealthy)
       LogInfoTo(CloudLog(), "zxcloudd store works again");

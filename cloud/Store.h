@@ -35,7 +35,8 @@ class CStore {
   // True: the job answered true and its changes are on disk. False: nothing of it happened. A job answers
   // false only when the database failed.
   bool Run(const TJob& job) TS_EXCLUDES(m_csQueue);
-  // False after a job or a commit failed (disk full, for instance), true again after the next that works.
+  // False after a job or a commit failed (disk full, for instance), true again after the next change that
+  // works.
   bool Healthy() const { return m_bHealthy.load(std::memory_order_relaxed); }
 
  private:

@@ -89,6 +89,8 @@ TEST_F(CStore_, Run_ExceptionInAJobIsAFailure) {
   EXPECT_FALSE(Run([](CSqlite&) -> bool { throw std::runtime_error("x"); }));
   EXPECT_FALSE(m_pStore->Healthy());
   EXPECT_EQ(Count(*m_pStore, "SELECT COUNT(*) FROM agents"), 1);
+  EXPECT_FALSE(m_pStore->Healthy()) << "reading proves nothing";
+  EXPECT_TRUE(Run([](CSqlite& db) { return db.Exec("UPDATE agents SET last_seen = 5"); }));
   EXPECT_TRUE(m_pStore->Healthy());
 }
 

@@ -1,0 +1,172 @@
+// What the listeners refuse, and the command line tool against a real cloud.
+#include <curl/curl.h>
+#include <signal.h>
+
+#include "CloudRig.h"
+#include "gmock/gmock.h"
+
+namespace {
+
+using testing::HasSubstr;
+
+const std::string kMid = "0123456789abcdef0123456789abcdef";
+
+class CCloudHttp : public CCloudRig {
+ protected:
+  int Status(const std::string& strPath, const std::string* pstrBody = nullptr,
+             std::vector<std::string> listHeaders = {}, const std::string& strMethod = "") {
+    return Https({strPath, pstrBody, std::move(listHeaders), strMethod, "", ""}).iStatus;
+  }
+  std::vector<std::string> UploadHeaders() {
+    return {"X-Zx-Mid: " + kMid, "X-Zx-Id: i-1", "X-Zx-Priority: 2"};
+  }
+  int Zxctl(std::vector<std::string> listArgs, std::string& strOutput) {
+    listArgs.insert(listArgs.begin(), {ZXCTL_BINARY, "--run", Path("state")});
+    strOutput.clear();
+    return RunCommand(listArgs, strOutput);
+  }
+};
+
+TEST_F(CCloudHttp, Agents_AreAnsweredOverVerifiedTls) {
+  StartCloud();
+  const _HttpAnswer answer = Https(
+      {"/v1/tconf?v=1&mid=" + kMid + "&m2=b&pid=h&platid=1&localip=127.0.0.1", nullptr, {}, "", "", ""});
+  EXPECT_EQ(answer.iStatus, 200);
+  EXPECT_THAT(answer.strBody, HasSubstr("\"pcid\":\"veltcwpp,zxsample,1001\""));
+  EXPECT_EQ(Status("/v1/health"), 200);
+  _Request old{"/v1/health", nullptr, {}, "", "", ""};
+  old.lMaxTls = CURL_SSLVERSION_MAX_TLSv1_1;
+  EXPECT_EQ(Https(old).iStatus, 0) << "older than TLS 1.2";
+}
+
+TEST_F(CCloudHttp, BadRequests_AreRefused) {
+  StartCloud();
+  const std::string strUpload = UploadText(kMid, "x"), strLarge(200000, 'x');
+  EXPECT_EQ(Status("/"), 404);
+  EXPECT_EQ(Status("/op/v1/status"), 404) << "operators have their own listener";
+  EXPECT_EQ(Status("/v1/tconf?v=1&mid=..%2Fx"), 400);
+  EXPECT_EQ(Status("/v1/tconf?v=1"), 400);
+  EXPECT_EQ(Status("/v1/upload"), 405);
+  EXPECT_EQ(Status("/v1/upload", &strUpload, UploadHeaders(), "PUT"), 405);
+  EXPECT_EQ(Status("/v1/upload", &strUpload, UploadHeaders(), "PRI"), 405);
+  EXPECT_EQ(Status("/v1/nothing", &strUpload), 404);
+  EXPECT_EQ(Status("/v1/upload", &strUpload), 400) << "no machine id";
+  EXPECT_EQ(Status("/v1/upload", &strUpload, {"X-Zx-Mid: other", "X-Zx-Id: i", "X-Zx-Priority: 2"}), 400);
+  EXPECT_EQ(Status("/v1/poll", &strUpload, {"X-Zx-Mid: " + kMid}), 400);
+  EXPECT_EQ(Status("/v1/upload", &strLarge, UploadHeaders()), 413);
+  EXPECT_EQ(Status("/v1/upload", &strLarge, UploadHeaders(), "CHUNKED"), 413);
+  auto listHeaders = UploadHeaders();
+  listHeaders.push_back("Content-Encoding: gzip");
+  EXPECT_EQ(Status("/v1/upload", &strUpload, listHeaders), 415);
+  EXPECT_EQ(Status("/v1/upload", &strUpload,
+                   {"X-Zx-Mid: " + kMid, "Content-Type: multipart/form-data; boundary=x"}),
+            415);
+  EXPECT_EQ(Status("/v1/upload", &strUpload, UploadHeaders(), "CHUNKED"), 200) << "and still serves";
+  EXPECT_EQ(StatusNumber("uploads", "received"), 1);
+}
+
+TEST_F(CCloudHttp, Operators_NeedTheToken) {
+  StartCloud();
+  EXPECT_EQ(Op("/op/v1/status", "", false).iStatus, 401);
+  EXPECT_EQ(Op("/op/v1/push", "{}", false).iStatus, 401);
+  EXPECT_EQ(Op("/op/v1/status").iStatus, 200);
+  EXPECT_EQ(Op("/op/v1/push", "{}").iStatus, 400);
+  EXPECT_EQ(Op("/v1/health").iStatus, 404);
+}
+
+TEST_F(CCloudHttp, ClientCertificate_IsAskedForAndNamesTheMachine) {
+  m_strAgentExtra = R"(,"client_ca_file":"cert/ca.pem","cert_names_mid":true)";
+  WriteConfig();
+  MakeCert("machine", kMid);
+  MakeCert("foreign", "another");
+  StartCloud();
+  const std::string strUpload = UploadText(kMid, "x");
+  const auto upload = [&](const std::string& strCert) {
+    _Request request{"/v1/upload", &strUpload, UploadHeaders(), "", "", ""};
+    if (!strCert.empty()) {
+      request.strCert = Path("cert/" + strCert + ".pem");
+      request.strKey = Path("cert/" + strCert + ".key");
+    }
+    return Https(request).iStatus;
+  };
+  EXPECT_EQ(upload(""), 0);
+  EXPECT_EQ(upload("foreign"), 403);
+  EXPECT_EQ(upload("machine"), 200);
+}
+
+TEST_F(CCloudHttp, Start_NamesWhatIsWrong) {
+  std::string strOutput;
+  EXPECT_EQ(RunCommand({ZXCLOUDD_BINARY, "--config", Path("none.json")}, strOutput), 2);
+  EXPECT_THAT(strOutput, HasSubstr("No such file"));
+  EXPECT_EQ(RunCommand({ZXCLOUDD_BINARY}, strOutput), 2);
+  EXPECT_EQ(RunCommand({ZXCLOUDD_BINARY, "--check", "--config", Path("cloud.json")}, strOutput), 0)
+      << strOutput;
+  strOutput.clear();
+  m_home.WriteFile("cert/server.pem", "not a certificate");
+  EXPECT_EQ(RunCommand({ZXCLOUDD_BINARY, "--config", Path("cloud.json")}, strOutput), 1);
+  EXPECT_THAT(strOutput, HasSubstr("certificate"));
+}
+
+TEST_F(CCloudHttp, SecondDaemonOnOneState_IsRefused) {
+  StartCloud();
+  std::string strOutput;
+  EXPECT_EQ(RunCommand({ZXCLOUDD_BINARY, "--config", Path("cloud.json")}, strOutput), 1);
+  EXPECT_THAT(strOutput, HasSubstr("in use"));
+  EXPECT_TRUE(m_home.Exists("state/zxcloudd.json")) << "the running daemon's file stays";
+}
+
+TEST_F(CCloudHttp, Token_ReadableByOthers_IsRefused) {
+  m_home.WriteFile("state/operator.token", "0123456789012345678901234567890123456789\n", 0644);
+  std::string strOutput;
+  EXPECT_EQ(RunCommand({ZXCLOUDD_BINARY, "--config", Path("cloud.json")}, strOutput), 1);
+  EXPECT_THAT(strOutput, HasSubstr("can be read by others"));
+}
+
+TEST_F(CCloudHttp, Zxctl_SaysByItsExitCodeWhatHappened) {
+  std::string strOutput;
+  EXPECT_EQ(Zxctl({"status"}, strOutput), 3) << "no cloud";
+  StartCloud();
+  EXPECT_EQ(Zxctl({"status"}, strOutput), 0) << strOutput;
+  EXPECT_THAT(strOutput, HasSubstr("connected"));
+  EXPECT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x"}, strOutput), 2)
+      << "no machine yet: " << strOutput;
+  EXPECT_EQ(Upload(kMid, "u-1", UploadText(kMid, "x")).iStatus, 200);
+  EXPECT_EQ(Zxctl({"agents"}, strOutput), 0);
+  EXPECT_THAT(strOutput, HasSubstr(kMid));
+  EXPECT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x", "--id", "c-1", "--param", "{bad"}, strOutput),
+            2);
+  EXPECT_EQ(
+      Zxctl({"push", "--pcid", "1001", "--command", "x", "--id", "c-1", "--param", "{\"a\":1}"}, strOutput),
+      0)
+      << strOutput;
+  EXPECT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x", "--id", "c-1"}, strOutput), 1) << "same id";
+  EXPECT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x", "--via", "pigeon"}, strOutput), 2);
+  EXPECT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x", "--id", "c-2", "--wait", "1"}, strOutput), 1);
+  EXPECT_THAT(strOutput, HasSubstr("not acknowledged"));
+  EXPECT_EQ(Zxctl({"trace", "none"}, strOutput), 1);
+  EXPECT_EQ(Zxctl({"--cloud", "http://127.0.0.1:1", "status"}, strOutput), 2) << "without a token";
+  m_cloud.Stop(SIGKILL);
+  EXPECT_EQ(Zxctl({"status"}, strOutput), 3) << "killed, its run file is still there";
+}
+
+TEST_F(CCloudHttp, Zxctl_TraceMergesTheAgentsLogs) {
+  StartCloud();
+  EXPECT_EQ(Upload(kMid, "u-1", UploadText(kMid, "x")).iStatus, 200);
+  std::string strOutput;
+  ASSERT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x", "--id", "c-1"}, strOutput), 0);
+  EXPECT_EQ(Upload(kMid, "u-2", UploadText(kMid, "{\"ID\":\"c-1\",\"msg_type\":\"3\"}")).iStatus, 200);
+  m_home.WriteFile(
+      "agent/log/zxagent.log",
+      "2026-11-20 21:04:39.123 +0000 [2] [7:8] zxagent ZxcloudPushmsgCallback recv iPcid[1] pszMsg[0x1][{\"ID\":\"c-1\"}]\n"
+      "2026-11-20 21:04:39.124 +0000 [2] [7:8] zxagent pushmsg Begin recvnew u64DataId[5] iPcid[1]\n"
+      "2026-11-20 21:04:39.125 +0000 [2] [7:8] zxagent pushmsg send taskmgr Begin u64DataId[5] strID[c-1] strGuid[{g}]\n");
+  ASSERT_EQ(Zxctl({"trace", "c-1", "--home", Path("agent")}, strOutput), 0) << strOutput;
+  for (const char* psz : {"created, via auto", "received over the long connection", "data id 5",
+                          "component {g}", "acked, msg_type 3", "state acked"})
+    EXPECT_THAT(strOutput, HasSubstr(psz));
+  ASSERT_EQ(Zxctl({"--json", "trace", "c-1", "--home", Path("agent")}, strOutput), 0);
+  EXPECT_THAT(strOutput, HasSubstr("\"hops\":[{"));
+  EXPECT_EQ(Zxctl({"trace", "c-1", "--home", Path("nowhere")}, strOutput), 1);
+}
+
+}  // namespace

@@ -1,0 +1,32 @@
+// A child process of one test. Killed and reaped at the end of the scope.
+#pragma once
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+class CProcess {
+ public:
+  CProcess() = default;
+  ~CProcess();
+  CProcess(const CProcess&) = delete;
+  CProcess& operator=(const CProcess&) = delete;
+
+  // Standard output and error go to strLogFile (appended). u64FileLimit not 0: no file of it grows beyond.
+  bool Start(const std::vector<std::string>& listArgs, const std::string& strLogFile,
+             uint64_t u64FileLimit = 0);
+  bool Running();
+  pid_t Pid() const { return m_iPid; }
+  // Sends the signal and waits; the wait status, or -1 when it does not end in time (then it is killed).
+  int Stop(int iSignal);
+
+ private:
+  pid_t m_iPid = -1;
+};
+
+// Runs a command to its end; its output in strOutput; the exit code, -1 when it did not exit.
+int RunCommand(const std::vector<std::string>& listArgs, std::string& strOutput);
+// A TCP port of 127.0.0.1 that was free a moment ago.
+int FreePort();
+bool PortAnswers(int iPort);
