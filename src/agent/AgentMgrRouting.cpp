@@ -89,7 +89,7 @@ uint32_t CAgentMgr::SendPushmsgToTaskMgr(unsigned long long u64DataId, const CPS
         "**zxagent pushmsg Error AsynSendEx u64DataId[%llx] iRet[%x] strID[%s] strProduct[%s] strCombo[%s] strCommand[%s] strGuid[%s]",
         u64DataId, uiRet, strID, strProduct, strCombo, strCommand, strGuid);
   // The completion owns the record, and may have deleted it by now.
-  pSendData.release();
+  static_cast<void>(pSendData.release());
   LogInfo(
       "zxagent pushmsg send taskmgr End OK u64DataId[%llx] ui64ACT[%llx] strID[%s] strProduct[%s] strCombo[%s] strCommand[%s] strGuid[%s]",
       u64DataId, ui64ACT, strID, strProduct, strCombo, strCommand, strGuid);

@@ -39,7 +39,7 @@ bool CAgentSendMsg::InsertResendMsg(_ResendData* pData) {
   std::unique_ptr<_ResendData> pOwned(pData);
   if (!ZxMsgQueueInsert(m_queueResend, 0, 0, pData, pData->strMsg.GetLength()))
     return false;
-  pOwned.release();
+  static_cast<void>(pOwned.release());
   return true;
 }
 
