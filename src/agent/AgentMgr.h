@@ -2,8 +2,8 @@
 // queue and the agent's threads. Files by concern: AgentMgr.cpp (life cycle), AgentMgrThreads.cpp (work
 // queue, work and check thread), AgentMgrChannel.cpp (cloud channel), AgentMgrCallbacks.cpp (the cloud
 // library's callbacks), AgentMgrPoll.cpp (poll thread), AgentMgrAddr.cpp (addresses set and tested from
-// outside), AgentMgrDispatch.cpp (commands), AgentMgrRouting.cpp (components), AgentMgrIdentity.cpp
-// (configuration and machine id).
+// outside), AgentMgrDispatch.cpp (commands), AgentMgrRouting.cpp (components), AgentMgrGuidList.cpp (the
+// routes as the task manager gets them), AgentMgrIdentity.cpp (configuration and machine id).
 //
 // Threads: the host's thread calls Init, SetCtx, Start, Stop, Instance and Close. Cloud events are handled on
 // the work thread "zxagentwork", one at a time, in arrival order. Each operation says below if it runs
