@@ -22,9 +22,10 @@ function(zx_shared name)
 endfunction()
 
 # A gtest binary; every case becomes one ctest entry, so cases run in parallel and in any order.
+# FIXTURES home: the installed tree of this build stands in <build>/tests/home.
 #   zx_test(unit_text SOURCES PString_test.cpp LIBS zxplatform [LABELS ...])
 function(zx_test name)
-  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT" ${ARGN})
+  cmake_parse_arguments(arg "" "TIMEOUT" "SOURCES;LIBS;LABELS;ENVIRONMENT;FIXTURES" ${ARGN})
   if(NOT arg_TIMEOUT)
     set(arg_TIMEOUT 60)
   endif()
@@ -34,7 +35,8 @@ function(zx_test name)
   gtest_discover_tests(${name}
     DISCOVERY_MODE PRE_TEST
     DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" ENVIRONMENT "${arg_ENVIRONMENT}")
+    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" ENVIRONMENT "${arg_ENVIRONMENT}"
+               FIXTURES_REQUIRED "${arg_FIXTURES}")
 endfunction()
 
 # A fuzz entry (LLVMFuzzerTestOneInput) for one parser of foreign bytes. With ZX_FUZZ it becomes a libFuzzer
