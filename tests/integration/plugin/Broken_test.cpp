@@ -39,7 +39,7 @@ TEST_P(CBadPushTest, IsDroppedWithItsLineAndWithoutAnAnswer) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Push, CBadPushTest, testing::ValuesIn(kBadPushes),
-                         [](const auto& info) { return info.param.pszName; });
+                         [](const auto& param) { return param.param.pszName; });
 
 struct CBadPoll {
   const char* pszName;
@@ -90,7 +90,7 @@ TEST_F(CBadPollTest, OneBadItemDoesNotStopTheOthers) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Poll, CBadPollTest, testing::ValuesIn(kBadPolls),
-                         [](const auto& info) { return info.param.pszName; });
+                         [](const auto& param) { return param.param.pszName; });
 
 }  // namespace
 

@@ -43,8 +43,8 @@ const CDamage kDamages[] = {
 using Param = std::tuple<const char*, CDamage>;
 class CDamagedStateTest : public CAgentFixture, public testing::WithParamInterface<Param> {};
 
-std::string ParamName(const testing::TestParamInfo<Param>& info) {
-  std::string strName = std::string(std::get<0>(info.param)) + "_" + std::get<1>(info.param).pszName;
+std::string ParamName(const testing::TestParamInfo<Param>& param) {
+  std::string strName = std::string(std::get<0>(param.param)) + "_" + std::get<1>(param.param).pszName;
   for (char& ch : strName)
     ch = std::isalnum(static_cast<unsigned char>(ch)) != 0 ? ch : '_';
   return strName;
