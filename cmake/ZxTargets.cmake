@@ -32,11 +32,16 @@ function(zx_test name)
   add_executable(${name} ${arg_SOURCES})
   target_link_libraries(${name} PRIVATE zx_warnings zx_flags ${arg_LIBS} GTest::gmock GTest::gtest_main)
   include(GoogleTest)
-  gtest_discover_tests(${name}
-    DISCOVERY_MODE PRE_TEST
-    DISCOVERY_TIMEOUT 60
-    PROPERTIES TIMEOUT ${arg_TIMEOUT} LABELS "${arg_LABELS}" ENVIRONMENT "${arg_ENVIRONMENT}"
-               FIXTURES_REQUIRED "${arg_FIXTURES}")
+  # An empty value would shift the name of the next property into its place.
+  set(properties TIMEOUT ${arg_TIMEOUT})
+  foreach(pair LABELS:LABELS ENVIRONMENT:ENVIRONMENT FIXTURES:FIXTURES_REQUIRED)
+    string(REPLACE ":" ";" pair ${pair})
+    list(POP_FRONT pair argument property)
+    if(arg_${argument})
+      list(APPEND properties ${property} "${arg_${argument}}")
+    endif()
+  endforeach()
+  gtest_discover_tests(${name} DISCOVERY_MODE PRE_TEST DISCOVERY_TIMEOUT 60 PROPERTIES ${properties})
 endfunction()
 
 # A fuzz entry (LLVMFuzzerTestOneInput) for one parser of foreign bytes. With ZX_FUZZ it becomes a libFuzzer
