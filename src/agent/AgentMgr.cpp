@@ -126,6 +126,11 @@ bool CAgentMgr::InitCompCtx() {
 
 bool CAgentMgr::Start() {
   LogInfo("zxagent CAgentMgr::Start Begin [%s] 2024-11-30 13:50", "Linux Release");
+  // The store is read without locks once the threads run.
+  if (HasThreads()) {
+    LogWarn("*zxagent CAgentMgr::Start Warn already started");
+    return true;
+  }
   SetWork(1);
   if (!m_AgentData.Init(m_strHomePath))
     return LogError("**zxagent CAgentMgr::Start Error Init Error") != 0;

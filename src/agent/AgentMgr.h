@@ -95,9 +95,8 @@ class CAgentMgr final : public IAgentHub {
   static void* CheckTconfThread(void*);
   static void* InitZxcloudThread(void* pReInit);  // dormant: nothing starts it
   void DispatchWork(const ZxMsgRecord& record);   // one record on the work thread; does not free its data
-  // One pass of the poll thread at the time dwNow (seconds), without the wait behind it. bEnd: it was asked
-  // to stop, and its status says ended.
-  void PollOnce(_PollState& state, uint32_t dwNow, bool& bEnd) TS_EXCLUDES(m_csStatus, m_csConnect);
+  // One pass of the poll thread at the time dwNow (seconds), without the wait behind it.
+  void PollOnce(_PollState& state, uint32_t dwNow) TS_EXCLUDES(m_csStatus, m_csConnect);
 
   // --- Cloud channel. Initialisation: host, poll, check or bus thread. 0 or a result code.
   uint32_t InitInnerZxcloud(int bReInit);
@@ -180,6 +179,7 @@ class CAgentMgr final : public IAgentHub {
   void WorkLoop();
   void HandleRecord(const ZxMsgRecord& record);
   void PollLoop();
+  bool EndPollIfAsked() TS_EXCLUDES(m_csStatus);
   void Poll(_PollState& state, uint32_t dwNow, int iPollerCycle, int bIsOnlyShort);
   void CheckLoop();
 

@@ -37,23 +37,29 @@ void CAgentMgr::PollLoop() {
   if (m_hEventBegun != nullptr)
     ZxSetEvent(m_hEventBegun);
   _PollState state;
-  for (;;) {
-    bool bEnd = false;
+  while (!EndPollIfAsked()) {
     try {
-      PollOnce(state, static_cast<uint32_t>(time(nullptr)), bEnd);
+      PollOnce(state, static_cast<uint32_t>(time(nullptr)));
     } catch (const std::exception& e) {
       LogError("**zxagent CAgentMgr::PollMsgThread Error what[%s] i[%u]", e.what(), state.i);
     }
-    if (bEnd)
-      return;
     if (m_hEventPollMsg != nullptr)
       ZxWaitEventTimeout(m_hEventPollMsg, kPassMs);
     else
       m_fnSleepMs(kPassMs);
   }
+  LogInfo("zxagent CAgentMgr::PollMsgThread End");
 }
 
-void CAgentMgr::PollOnce(_PollState& state, uint32_t dwNow, bool& bEnd) {
+bool CAgentMgr::EndPollIfAsked() {
+  CCritLock lock(m_csStatus);
+  if (m_iPollMsgStatus == 1)
+    return false;
+  m_iPollMsgStatus = 2;
+  return true;
+}
+
+void CAgentMgr::PollOnce(_PollState& state, uint32_t dwNow) {
   int bIsOnlyShort = 0;
   int bRecvTconf = 0;
   int iPollerCycle = 0;
@@ -62,13 +68,6 @@ void CAgentMgr::PollOnce(_PollState& state, uint32_t dwNow, bool& bEnd) {
     bIsOnlyShort = m_bIsOnlyShort;
     bRecvTconf = m_bRecvTconf;
     iPollerCycle = m_iPollerCycle;
-    bEnd = m_iPollMsgStatus != 1;
-    if (bEnd)
-      m_iPollMsgStatus = 2;
-  }
-  if (bEnd) {
-    LogInfo("zxagent CAgentMgr::PollMsgThread End");
-    return;
   }
   const uint32_t i = state.i++;
   const bool bLine = i % kPassesPerLine == 0;

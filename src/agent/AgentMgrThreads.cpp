@@ -64,8 +64,6 @@ bool CAgentMgr::AddZxcloudCallbackData(uint32_t dwMessage, uint32_t dwFlag, cons
 // Created under the lock, so that the id stands before the thread can look at it or be cancelled by it.
 int CAgentMgr::CreateWorkThread() {
   CCritLock lock(m_csStatus);
-  if (m_hThreadWorkId != 0)
-    return EALREADY;
   m_iWorkStatus = 0;
   pthread_t hThreadId = 0;
   const int iThreadRet = AgentThreads().Create(&hThreadId, &WorkThread, nullptr);
@@ -75,8 +73,6 @@ int CAgentMgr::CreateWorkThread() {
 
 int CAgentMgr::CreatePollMsgThread() {
   CCritLock lock(m_csStatus);
-  if (m_hThreadPollMsgId != 0)
-    return EALREADY;
   m_iPollMsgStatus = 0;
   pthread_t hThreadId = 0;
   const int iThreadRet = AgentThreads().Create(&hThreadId, &PollMsgThread, nullptr);
