@@ -134,7 +134,7 @@ INSTANTIATE_TEST_SUITE_P(
             0xB0010024,
             "*zxagent CAgentMgr::InitInnerZxcloud Error zxcloud_getopt iRet[9] bIsOnlyShort[0] bReInit[1]",
             true}),
-    [](const ::testing::TestParamInfo<_InitFailure>& info) { return std::string(info.param.pszCase); });
+    [](const ::testing::TestParamInfo<_InitFailure>& param) { return std::string(param.param.pszCase); });
 
 TEST_F(AgentMgrChannel, Init_LogsWhatTheLibrarySays_CutToItsBuffer) {
   Load();

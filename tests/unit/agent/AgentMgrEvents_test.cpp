@@ -149,7 +149,7 @@ INSTANTIATE_TEST_SUITE_P(
         _PollConnect{"HugePort", "h:99999999999999999999999",
                      R"({"onlineflag":"1","ip":"h","port":"65535"})"},
         _PollConnect{"Empty", "", R"({"onlineflag":"1","ip":"","port":"8080"})"}),
-    [](const ::testing::TestParamInfo<_PollConnect>& info) { return std::string(info.param.pszCase); });
+    [](const ::testing::TestParamInfo<_PollConnect>& param) { return std::string(param.param.pszCase); });
 
 TEST_F(AgentMgrEvents, Data_PollConnect_MakesTheShortAddressTheLongOne) {
   ASSERT_TRUE(m_mgr.ZxcloudData(1, "10.0.0.5:1;cloud:443"));

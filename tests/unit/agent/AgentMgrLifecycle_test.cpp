@@ -249,14 +249,17 @@ TEST_F(AgentMgrLifecycle, Stop_ReleasesTheCloudOnceMore_WhenAThreadWasReinitiali
   StoreMsgSrvAddrSet("engine:1", "engine:2");
   StoreEngineStatus(1, "");
   Prepare();
-  EXPECT_TRUE(m_mgr.Start());  // the check thread verifies the setting and initialises the cloud again
   CEventWaiter stopping;
   CEventWaiter reinit;
+  std::atomic<int> iInits{0};
   m_cloud.SetHook(ECloudCall::Init, [&](const _CloudCall&) {
-    reinit.Set();
-    stopping.Wait();
+    if (++iInits == 2) {
+      reinit.Set();
+      stopping.Wait();
+    }
     return 0u;
   });
+  EXPECT_TRUE(m_mgr.Start());  // the check thread verifies the setting and initialises the cloud again
   ASSERT_TRUE(reinit.Wait());
   m_pauses.m_fnOnPause = [&](uint32_t) { stopping.Set(); };
   EXPECT_TRUE(m_mgr.Stop());

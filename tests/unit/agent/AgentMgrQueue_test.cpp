@@ -31,9 +31,8 @@ class AgentMgrQueue : public CManagerTest {
     ASSERT_EQ(AgentThreads().Create(&hThreadId, &CAgentMgr::WorkThread, nullptr), 0);
     ASSERT_TRUE(m_log.Capture().WaitFor("zxagent CAgentMgr::WorkThread Begin"));
     // The last record is one that shows when it is handled.
-    const size_t uBefore = m_bus.Count(EBusCall::BroadcastSend);
-    ASSERT_TRUE(m_mgr.AddZxcloudCallbackData(kWorkDisconnect, 0, nullptr, 0));
-    ASSERT_TRUE(m_bus.WaitCount(EBusCall::BroadcastSend, uBefore + 1));
+    ASSERT_TRUE(m_mgr.AddZxcloudCallbackData(kWorkGuidList, 0, "the end", 0));
+    ASSERT_TRUE(m_bus.WaitCount(EBusCall::AsynSendEx, 1));
     m_mgr.Stop();
     ASSERT_TRUE(AgentThreads().Wait(kTestDeadlineMs));
   }
@@ -102,6 +101,7 @@ TEST_F(AgentMgrQueue, WorkThread_HandlesRecords_InArrivalOrder) {
   Load();
   for (int i = 0; i < 50; ++i)
     ASSERT_TRUE(m_mgr.AddZxcloudCallbackData(kWorkConnect, static_cast<uint32_t>(i), "10.0.0.1", 0));
+  ASSERT_TRUE(m_mgr.AddZxcloudCallbackData(kWorkDisconnect, 0, nullptr, 0));
   RunQueue();
   const std::vector<std::string> connects = Broadcasts(1000);
   ASSERT_THAT(connects, SizeIs(50));
