@@ -106,6 +106,9 @@ void CLogFile::Configure(const std::string& strDir, const std::string& strName, 
   m_iMaxFiles = iMaxFiles;
   m_u64RetryAt = 0;
   m_u64NoticeAt = 0;
+  m_bNoticed = false;
+  m_uDiverted = 0;
+  m_uLeftOut = 0;
 }
 
 void CLogFile::Write(const std::string& strLine) {
@@ -135,6 +138,8 @@ bool CLogFile::Commit() {
   }
   const bool bOk = !m_bBatchFailed;
   m_bBatchFailed = false;
+  if (bOk && m_bNoticed)
+    Recovered();
   return bOk;
 }
 
@@ -179,12 +184,21 @@ void CLogFile::Fail(int iError, const char* pszWhat) {
   if (u64Now < m_u64NoticeAt)
     return;
   const char* pszError = iError != 0 ? strerrordesc_np(iError) : nullptr;
-  std::string strNotice = "zxlog: " + m_strPath + " fails (" + (pszError != nullptr ? pszError : pszWhat) +
-                          "), its lines go to stderr";
-  if (m_uLeftOut != 0)
-    strNotice += "; " + std::to_string(m_uLeftOut) + " were left out";
-  WriteStderr(strNotice + "\n");
+  Notice(std::string(" fails (") + (pszError != nullptr ? pszError : pszWhat) + "), its lines go to stderr");
   m_u64NoticeAt = u64Now + kLogNoticeMs;
+  m_bNoticed = true;
+}
+
+void CLogFile::Recovered() {
+  Notice(" is written again");
+  m_bNoticed = false;
+}
+
+void CLogFile::Notice(const std::string& strText) {
+  std::string strNotice = "zxlog: " + m_strPath + strText;
+  if (m_uLeftOut != 0)
+    strNotice += "; " + std::to_string(m_uLeftOut) + " lines before were left out";
+  WriteStderr(strNotice + "\n");
   m_uDiverted = 0;
   m_uLeftOut = 0;
 }

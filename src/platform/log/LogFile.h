@@ -35,6 +35,8 @@ class CLogFile {
   class CSink;
   bool Open();
   void Fail(int iError, const char* pszWhat);
+  void Recovered();
+  void Notice(const std::string& strText);
 
   std::string m_strDir;
   std::string m_strPath;
@@ -44,6 +46,7 @@ class CLogFile {
   bool m_bBatchFailed = false;
   uint64_t m_u64RetryAt = 0;
   uint64_t m_u64NoticeAt = 0;
+  bool m_bNoticed = false;  // stderr was told that the file fails, and not yet that it works again
   uint32_t m_uDiverted = 0;
   uint32_t m_uLeftOut = 0;
 };

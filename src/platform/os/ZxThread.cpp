@@ -9,6 +9,10 @@
 
 #include "platform/os/ZxWait.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" void __asan_handle_no_return();
+#endif
+
 #if defined(__has_feature)
 #define ZX_HAS_FEATURE(x) __has_feature(x)
 #else
@@ -81,7 +85,12 @@ void* CZxThreadGroup::Trampoline(void* pStart) {
   // Leaves the group when the entry returned and also when a cancellation has unwound the entry's frames.
   struct CMember {
     CZxThreadGroup* pGroup;
-    ~CMember() { pGroup->Leave(); }
+    ~CMember() {
+#if defined(__SANITIZE_ADDRESS__)
+      __asan_handle_no_return();  // it does not see a cancellation unwind the frames below
+#endif
+      pGroup->Leave();
+    }
   };
   const ThreadStart start = *static_cast<ThreadStart*>(pStart);
   delete static_cast<ThreadStart*>(pStart);

@@ -66,7 +66,7 @@ TEST_F(LogFailure_test, Lines_GoToTheFileAgain_WhenItCanBeWritten) {
     return m_home.Exists("log/zxagent.log");
   }));
   LogUninit(hLog);
-  ::testing::internal::GetCapturedStderr();
+  EXPECT_THAT(::testing::internal::GetCapturedStderr(), HasSubstr("log/zxagent.log is written again\n"));
   EXPECT_THAT(TextsIn("log/zxagent.log"), Contains("back"));
   EXPECT_THAT(TextsIn("log/zxagent.log"), Not(Contains("lost")));
 }
@@ -97,15 +97,25 @@ TEST_F(LogFailure_test, FullDisk_DivertsLines_AndRecovers) {
   EXPECT_THAT(TextsIn("log/zxagent.log"), Contains("back"));
 }
 
-TEST_F(LogFailure_test, DivertedLines_AreLimited) {
+TEST_F(LogFailure_test, DivertedLines_AreLimited_AndTheRestIsCounted) {
   m_home.WriteFile("log", "a file where the directory should be");
   ::testing::internal::CaptureStderr();
   const HLog hLog = LogInit("zxagent");
   for (int i = 0; i < 1500; ++i)
     LogPrintStr(hLog, 2, "line");
+  Flush("zxagent");
+  m_home.Remove("log");
+  EXPECT_TRUE(EventuallyTrue([&] {
+    LogPrintStr(hLog, 2, "back");
+    Flush("zxagent");
+    return m_home.Exists("log/zxagent.log");
+  }));
   LogUninit(hLog);
   const std::string strErr = ::testing::internal::GetCapturedStderr();
   EXPECT_EQ(CountIn(strErr, "] line\n"), 1000u);
+  const size_t uNotice = strErr.find("is written again; ");
+  ASSERT_NE(uNotice, std::string::npos) << strErr.substr(strErr.size() - 500);
+  EXPECT_GE(std::stoi(strErr.substr(uNotice + 18)), 500);
 }
 
 TEST_F(LogFailure_test, AFailingChannel_DoesNotDisturbTheOthers) {
