@@ -56,6 +56,7 @@ void FormatLogText(const char* pszFormat, va_list args,
   char szStack[kStackTextBytes];
   va_list again;
   va_copy(again, args);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized) the caller started it
   const int iLength = std::vsnprintf(szStack, sizeof(szStack), pszFormat, args);
   const size_t uLength = iLength > 0 ? static_cast<size_t>(iLength) : 0;
   if (uLength < sizeof(szStack)) {

@@ -26,6 +26,7 @@ __attribute__((format(printf, 1, 0))) std::string FormatText(const char* pszForm
   char szStack[kFormatStackBytes];
   va_list again;
   va_copy(again, args);
+  // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized) the caller started it
   const int iLength = std::vsnprintf(szStack, sizeof(szStack), pszFormat, args);
   std::string strResult;
   if (iLength > 0 && static_cast<size_t>(iLength) < sizeof(szStack)) {

@@ -44,8 +44,8 @@ TEST_F(LogConfig_test, Threshold_KeepsTheDefault_WhenTheFileIsUnusable) {
 
 TEST_F(LogConfig_test, Environment_StandsAboveTheFile) {
   m_home.WriteFile("etc/zxlog.json", R"({"level":3,"channels":{"zxagent":{"level":4}},"dir":"elsewhere"})");
-  setenv("ZX_LOG_LEVEL", "1", 1);
-  setenv("ZX_LOG_DIR", m_home.Path("env").c_str(), 1);
+  SetEnv("ZX_LOG_LEVEL", "1");
+  SetEnv("ZX_LOG_DIR", m_home.Path("env").c_str());
   const HLog hLog = LogInit("zxagent");
   EXPECT_EQ(hLog->iThreshold, 1);
   LogPrintStr(hLog, 1, "detail");
@@ -55,9 +55,9 @@ TEST_F(LogConfig_test, Environment_StandsAboveTheFile) {
 }
 
 TEST_F(LogConfig_test, Environment_IsIgnored_WhenItIsNoLevel) {
-  setenv("ZX_LOG_LEVEL", "verbose", 1);
+  SetEnv("ZX_LOG_LEVEL", "verbose");
   EXPECT_EQ(ThresholdWith(""), 2);
-  setenv("ZX_LOG_LEVEL", "", 1);
+  SetEnv("ZX_LOG_LEVEL", "");
   EXPECT_EQ(ThresholdWith(""), 2);
 }
 

@@ -3,9 +3,6 @@
 #include "LogFixture.h"
 #include "support/LogCapture.h"
 
-using ::testing::ElementsAre;
-using ::testing::IsEmpty;
-
 namespace {
 
 class LogDebug_test : public CLogHomeTest {

@@ -8,7 +8,6 @@
 #include "LogFixture.h"
 
 using ::testing::ElementsAre;
-using ::testing::IsEmpty;
 
 namespace {
 

@@ -15,14 +15,21 @@
 class CLogHomeTest : public ::testing::Test {
  protected:
   CLogHomeTest() {
-    unsetenv("ZX_LOG_DIR");
-    unsetenv("ZX_LOG_LEVEL");
+    ClearEnv();
     LogSetHome(m_home.Root());
   }
   ~CLogHomeTest() override {
-    unsetenv("ZX_LOG_DIR");
-    unsetenv("ZX_LOG_LEVEL");
+    ClearEnv();
     LogSetHome("");
+  }
+
+  // No other thread of a log test reads the environment meanwhile.
+  static void SetEnv(const char* pszName, const char* pszValue) {
+    setenv(pszName, pszValue, 1);  // NOLINT(concurrency-mt-unsafe)
+  }
+  static void ClearEnv() {
+    for (const char* pszName : {"ZX_LOG_DIR", "ZX_LOG_LEVEL"})
+      unsetenv(pszName);  // NOLINT(concurrency-mt-unsafe)
   }
 
   // The lines of a file below the home, each without time and ids.

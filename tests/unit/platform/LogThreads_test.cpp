@@ -17,6 +17,7 @@ TEST_F(LogThreads_test, NoLineIsLost_WhenTheQueueIsFull) {
   constexpr int kEach = 2000;  // far more than the queue holds
   const HLog hLog = LogInit("zxagent");
   std::vector<std::thread> threads;
+  threads.reserve(kThreads);
   for (int i = 0; i < kThreads; ++i) {
     threads.emplace_back([hLog, i] {
       for (int n = 0; n < kEach; ++n)

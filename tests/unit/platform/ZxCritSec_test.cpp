@@ -11,6 +11,7 @@ TEST(ZxCritSec_test, Lock_ExcludesOtherThreads) {
   CCritSec cs;
   int iCount = 0;
   std::vector<std::thread> threads;
+  threads.reserve(4);
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
       for (int n = 0; n < 5000; ++n) {

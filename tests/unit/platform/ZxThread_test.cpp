@@ -49,10 +49,12 @@ struct CThreadCase {
   }
   static void* Exit(void* pArg) {
     pthread_detach(pthread_self());
+    auto* pCase = static_cast<CThreadCase*>(pArg);
     struct CUnwind {
       CThreadCase* pCase;
       ~CUnwind() { pCase->bFramesGone = true; }
-    } unwind{static_cast<CThreadCase*>(pArg)};
+    } unwind{pCase};  // NOLINT(clang-analyzer-deadcode.DeadStores) read by its destructor
+    pCase->begun.Set();
     pthread_exit(nullptr);
   }
   static void* Inspect(void* pArg) {
