@@ -15,6 +15,7 @@ namespace {
 constexpr char kComsClientPath[] = "etc/coms/client/";
 constexpr char kComsClientFile[] = "/config.json";
 constexpr char kComsStatus[] = "1";
+constexpr size_t kComsFileMax = 4u << 20;  // bounds what the parser builds; a client's file has a few KiB
 
 struct CJsonDelete {
   void operator()(cJSON* pJson) const { cJSON_Delete(pJson); }
@@ -80,7 +81,9 @@ int CAgentData::LoadComsClientConfig(const CPString& strFile, std::list<_GuidPro
   CPString strData;
   if (!ZxReadFileText(strFile, strData))
     return LogWarn("*zxagent CAgentData::LoadComsClientConfig Error ZxReadFileData strFile[%s]", strFile);
-  const CJsonPtr pJson(cJSON_ParseWithLength(strData.data(), strData.GetLength()));
+  const CJsonPtr pJson(strData.GetLength() <= kComsFileMax
+                           ? cJSON_ParseWithLength(strData.data(), strData.GetLength())
+                           : nullptr);
   if (!pJson)
     return LogWarn("*zxagent CAgentData::LoadComsClientConfig Error wrap_cJSON_Parse strFile[%s]", strFile);
   const cJSON* pPlugins = cJSON_GetObjectItem(pJson.get(), "plugins");
