@@ -30,10 +30,9 @@ inline constexpr int kLogWarn = 3;
 inline constexpr int kLogError = 4;
 inline constexpr int kLogTrace = 6;
 
-// Home of relative decisions: log files go to strHome + "log/", settings come from strHome +
-// "etc/zxlog.json". Call once, before the first LogInit, with a path that ends in "/"; without it (or with
-// ZX_LOG_DIR set) lines of channels without a directory go to stderr. ZX_LOG_DIR and ZX_LOG_LEVEL override
-// the files.
+// Log files go to strHome + "log/", settings come from strHome + "etc/zxlog.json", which is read again while
+// running. Call it before the first LogInit, with a path that ends in "/". Without a home the lines go to
+// stderr. ZX_LOG_DIR and ZX_LOG_LEVEL of the environment stand above the files.
 ZX_API void LogSetHome(const CPString& strHome);
 // Opens the channel: <dir>/<name>.log, rotated by size. Null only when out of memory; a directory that cannot
 // be written sends the lines to stderr until it can.

@@ -1,0 +1,201 @@
+// The dispatcher threads of an endpoint.
+#include <cinttypes>
+#include <cstdio>
+#include <exception>
+#include <utility>
+
+#include "platform/bus/BusClock.h"
+#include "platform/bus/BusEndpoint.h"
+#include "platform/log/Log.h"
+#include "platform/os/ZxThread.h"
+
+namespace {
+
+CZxThreadGroup g_threads;
+
+// The endpoint whose dispatcher the calling thread is, and which of its dispatchers.
+thread_local const CBusEndpoint* t_pEndpoint = nullptr;
+thread_local size_t t_uSlot = 0;
+
+// Under load the clock is read once in so many steps; an idle dispatcher reads it before it waits.
+constexpr uint32_t kStepsPerClock = 32;
+
+struct _DispatcherStart {
+  std::shared_ptr<CBusEndpoint> pEndpoint;
+  size_t uSlot;
+  char szName[16];
+};
+
+}  // namespace
+
+bool CBusEndpoint::OnOwnDispatcher() const {
+  return t_pEndpoint == this;
+}
+
+bool CBusEndpoint::IsRunning(uint32_t uiType) {
+  for (size_t i = 0; i < m_slots.size(); ++i) {
+    const _Slot& slot = m_slots[i];
+    const bool bOwn = OnOwnDispatcher() && t_uSlot == i;
+    if (!bOwn && slot.bReceiving && !slot.bUnreceiving && slot.uiType == uiType)
+      return true;
+  }
+  return false;
+}
+
+void CBusEndpoint::SetUnreceiving(bool bUnreceiving) {
+  if (!OnOwnDispatcher())
+    return;
+  m_slots[t_uSlot].bUnreceiving = bUnreceiving;
+  if (bUnreceiving && m_uStateWaiters > 0)
+    pthread_cond_broadcast(&m_condState);
+}
+
+bool CBusEndpoint::StartDispatcher(size_t uSlot, const GUID& guid) {
+  std::unique_ptr<_DispatcherStart> pStart(new (std::nothrow)
+                                               _DispatcherStart{shared_from_this(), uSlot, {}});
+  if (pStart == nullptr)
+    return false;
+  std::snprintf(pStart->szName, sizeof(pStart->szName), "zxbus.%08" PRIx32, guid.Data1);
+  pthread_t hThread{};
+  if (g_threads.Create(&hThread, &DispatcherEntry, pStart.get()) != 0)
+    return false;
+  (void)pStart.release();  // the thread owns it now
+  return true;
+}
+
+bool CBusEndpoint::StartDispatchers() {
+  GUID guid;
+  {
+    CCritLock lock(m_cs);
+    m_uDispatchers = m_slots.size();
+    guid = m_guid;
+  }
+  for (size_t i = 0; i < m_limits.uiDispatchers; ++i) {
+    if (StartDispatcher(i, guid))
+      continue;
+    // The threads that did start see the state and end; the last of them, or this one, closes it.
+    CCritLock lock(m_cs);
+    m_uDispatchers -= m_slots.size() - i;
+    m_eState = m_uDispatchers == 0 ? EState::Out : EState::Leaving;
+    pthread_cond_broadcast(&m_condWork);
+    return false;
+  }
+  return true;
+}
+
+void* CBusEndpoint::DispatcherEntry(void* pStart) {
+  const std::unique_ptr<_DispatcherStart> start(static_cast<_DispatcherStart*>(pStart));
+  pthread_detach(pthread_self());
+  ZxSetThreadName(start->szName);
+  t_pEndpoint = start->pEndpoint.get();
+  t_uSlot = start->uSlot;
+  start->pEndpoint->Dispatch(start->uSlot);
+  t_pEndpoint = nullptr;
+  return nullptr;
+}
+
+void CBusEndpoint::Dispatch(size_t uSlot) {
+  for (;;) {
+    _Work work;
+    if (!NextWork(uSlot, work))
+      break;
+    Run(work);
+  }
+  CCritLock lock(m_cs);
+  if (--m_uDispatchers == 0)
+    m_eState = EState::Out;
+  pthread_cond_broadcast(&m_condState);
+}
+
+bool CBusEndpoint::NextWork(size_t uSlot, _Work& work) {
+  CCritLock lock(m_cs);
+  if (m_slots[uSlot].bReceiving) {
+    m_slots[uSlot].bReceiving = false;
+    if (m_uStateWaiters > 0)
+      pthread_cond_broadcast(&m_condState);
+  }
+  for (;;) {
+    if (m_deadlines.EarliestNs() != CBusDeadlines::kNever &&
+        (m_queue.IsEmpty() || ++m_uiSinceClock >= kStepsPerClock))
+      QueueDue();
+    if (CBusItem* pItem = m_queue.Pop()) {
+      TakeWork(pItem, uSlot, work);
+      return true;
+    }
+    if (m_eState == EState::Leaving)
+      return false;
+    ++m_uIdle;
+    Wait(m_condWork, m_deadlines.EarliestNs());
+    --m_uIdle;
+  }
+}
+
+void CBusEndpoint::QueueDue() {
+  m_uiSinceClock = 0;
+  const uint64_t u64NowNs = BusNowNs();
+  while (CBusRef<CBusCall> call = m_deadlines.PopDue(u64NowNs))
+    End(std::move(call), kBusErrTimeout);
+}
+
+void CBusEndpoint::End(CBusRef<CBusCall> call, uint32_t uiStatus) {
+  call->bDone.store(true, std::memory_order_release);
+  call->uiStatus = uiStatus;
+  call->i64ReplyType = static_cast<long>(call->uiType);
+  call->bBatonMayLive = true;
+  m_queue.Push(*call.Detach());
+  if (m_uIdle > 0)
+    pthread_cond_signal(&m_condWork);
+}
+
+void CBusEndpoint::TakeWork(CBusItem* pItem, size_t uSlot, _Work& work) {
+  if (pItem->eKind == CBusItem::EKind::Completion) {
+    work.completion = CBusRef<CBusCall>(static_cast<CBusCall*>(pItem));
+    m_uReplyBytes.fetch_sub(work.completion->uiReplyLength, std::memory_order_relaxed);
+    return;
+  }
+  work.pMessage.reset(static_cast<CBusMessage*>(pItem));
+  --m_uQueuedMessages;
+  m_uQueuedBytes -= Cost(work.pMessage->uiLength);
+  const auto it = m_receivers.find(work.pMessage->uiType);
+  if (it == m_receivers.end())
+    return;
+  work.pReceiver = it->second;
+  m_slots[uSlot] = {true, false, work.pMessage->uiType};
+  // Late messages are still delivered, but nobody waits for an answer.
+  CBusRef<CBusCall>& call = work.pMessage->call;
+  if (call && !call->bDone.load(std::memory_order_acquire))
+    work.u64Baton = m_batons.Add(std::move(call));
+}
+
+void CBusEndpoint::Run(_Work& work) {
+  if (work.completion)
+    RunCompletion(*work.completion);
+  else if (work.pReceiver == nullptr)
+    Refuse(std::move(work.pMessage->call), kBusErrNoReceiver);
+  else
+    RunReceiver(work);
+}
+
+void CBusEndpoint::RunReceiver(const _Work& work) {
+  const CBusMessage& message = *work.pMessage;
+  try {
+    work.pReceiver->ReceiveCallback(message.guidFrom, static_cast<long>(message.uiType), message.Data(),
+                                    message.uiLength, reinterpret_cast<void*>(work.u64Baton), m_pContext);
+  } catch (const std::exception& e) {
+    CLogDebug::Instance().LogPrintV(kLogError, "zxbus", __func__, __LINE__,
+                                    "**zxbus receiver threw uiType[%u] what[%s]", message.uiType, e.what());
+  }
+}
+
+void CBusEndpoint::RunCompletion(CBusCall& call) {
+  if (call.bBatonMayLive)
+    call.pTarget->DropBaton(call);
+  try {
+    call.pCallback->SendCallback(call.uiStatus, call.i64ReplyType, call.pReply.get(), call.uiReplyLength,
+                                 call.ui64ACT, call.pContext);
+  } catch (const std::exception& e) {
+    CLogDebug::Instance().LogPrintV(kLogError, "zxbus", __func__, __LINE__,
+                                    "**zxbus completion threw ui64ACT[%llx] what[%s]", call.ui64ACT,
+                                    e.what());
+  }
+}

@@ -1,0 +1,124 @@
+// One component on the bus: its receivers, its queue, the threads that work it off, the sends that it waits
+// for and the batons that it holds.
+//
+// Every callback of the component runs on its own dispatchers: receivers for messages that others sent, and
+// completions of its own sends. Messages and completions share one queue, so they arrive in order and neither
+// starves the other. A call ends exactly once: whoever sets bDone under the sender's lock queues the
+// completion; a reply, the deadline, the target's leaving and the sender's leaving compete for it.
+//
+// Threads: any, except where said. One lock, never held together with another endpoint's or the router's, nor
+// over a callback. Owned by its context and, for the time of a send, by the sends under way.
+#pragma once
+
+#include <pthread.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <unordered_map>
+#include <vector>
+
+#include "platform/bus/BusBatons.h"
+#include "platform/bus/BusDeadlines.h"
+#include "platform/bus/BusItems.h"
+#include "platform/bus/zxbus.h"
+#include "platform/os/ZxCritSec.h"
+
+struct _BusLimits {
+  uint32_t uiDispatchers = 1;
+  size_t uMaxRecords = 65536;    // queued messages and held batons together; sends under way
+  size_t uMaxBytes = 16u << 20;  // queued messages; and the same again for replies
+};
+
+class CBusEndpoint : public std::enable_shared_from_this<CBusEndpoint> {
+ public:
+  // pContext is what receivers get as their context.
+  CBusEndpoint(void* pContext, const _BusLimits& limits);
+  ~CBusEndpoint();
+  CBusEndpoint(const CBusEndpoint&) = delete;
+  CBusEndpoint& operator=(const CBusEndpoint&) = delete;
+
+  // Joins and leaves; a second cycle is possible. Join after a Leave from inside a callback waits for the
+  // threads of the first cycle, or gives kBusErrBusy inside that callback.
+  uint32_t Join(const GUID& guid) TS_EXCLUDES(m_cs);
+  void Leave() TS_EXCLUDES(m_cs);
+
+  uint32_t Receive(uint32_t uiType, IMRReceiveComplete* pReceiver) TS_EXCLUDES(m_cs);
+  void Unreceive(uint32_t uiType) TS_EXCLUDES(m_cs);
+  // Arguments are checked by the context. pTarget null: nobody has that GUID.
+  uint32_t Send(std::shared_ptr<CBusEndpoint> pTarget, uint32_t uiType, const void* pData, uint32_t uiLength,
+                IMRSendComplete* pCallback, void* pContext, unsigned long long* pui64ACT,
+                uint32_t uiTimeoutMs) TS_EXCLUDES(m_cs);
+  uint32_t Broadcast(const std::vector<std::shared_ptr<CBusEndpoint>>& targets, uint32_t uiType,
+                     const void* pData, uint32_t uiLength) TS_EXCLUDES(m_cs);
+  uint32_t Reply(uint32_t uiStatus, long i64MsgType, const void* pData, uint32_t uiLength, uint64_t u64Baton)
+      TS_EXCLUDES(m_cs);
+
+ private:
+  enum class EState { Out, Joining, In, Leaving };
+  // What a dispatcher is doing; Unreceive waits for those that run its type.
+  struct _Slot {
+    bool bReceiving = false;
+    bool bUnreceiving = false;  // its receiver is in Unreceive itself: nobody waits for it there
+    uint32_t uiType = 0;
+  };
+  // One step of a dispatcher, taken from the queue under the lock.
+  struct _Work {
+    std::unique_ptr<CBusMessage> pMessage;
+    IMRReceiveComplete* pReceiver = nullptr;  // null: refused, nobody receives this type
+    uint64_t u64Baton = 0;
+    CBusRef<CBusCall> completion;
+  };
+
+  // Target side.
+  uint32_t Push(std::unique_ptr<CBusMessage> pMessage) TS_EXCLUDES(m_cs);
+  void DropBaton(CBusCall& call) TS_EXCLUDES(m_cs);
+  // Sender side. False: the call had ended already.
+  bool Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply, uint32_t uiLength)
+      TS_EXCLUDES(m_cs);
+  bool Withdraw(CBusCall& call) TS_EXCLUDES(m_cs);
+  bool ReserveReplyBytes(uint32_t uiLength);
+  static void Refuse(CBusRef<CBusCall> call, uint32_t uiStatus);
+
+  // Dispatchers.
+  static void* DispatcherEntry(void* pStart);
+  bool StartDispatchers() TS_EXCLUDES(m_cs);
+  bool StartDispatcher(size_t uSlot, const GUID& guid);
+  void Dispatch(size_t uSlot) TS_EXCLUDES(m_cs);
+  bool NextWork(size_t uSlot, _Work& work) TS_EXCLUDES(m_cs);
+  void TakeWork(CBusItem* pItem, size_t uSlot, _Work& work) TS_REQUIRES(m_cs);
+  void QueueDue() TS_REQUIRES(m_cs);
+  void End(CBusRef<CBusCall> call, uint32_t uiStatus) TS_REQUIRES(m_cs);
+  void Run(_Work& work) TS_EXCLUDES(m_cs);
+  void RunReceiver(const _Work& work) TS_EXCLUDES(m_cs);
+  void RunCompletion(CBusCall& call) TS_EXCLUDES(m_cs);
+  void Wait(pthread_cond_t& cond, uint64_t u64DeadlineNs) TS_REQUIRES(m_cs);
+  bool IsRunning(uint32_t uiType) TS_REQUIRES(m_cs);
+  void SetUnreceiving(bool bUnreceiving) TS_REQUIRES(m_cs);
+  bool OnOwnDispatcher() const;
+  static size_t Cost(uint32_t uiLength) { return uiLength + kRecordBytes; }
+
+  static constexpr size_t kRecordBytes = 128;  // what a record costs beside its data
+
+  void* const m_pContext;
+  const _BusLimits m_limits;
+
+  CCritSec m_cs;
+  pthread_cond_t m_condWork;   // something is in the queue, an earlier deadline, or the end
+  pthread_cond_t m_condState;  // a receiver returned, or the last dispatcher ended
+  EState m_eState TS_GUARDED_BY(m_cs) = EState::Out;
+  GUID m_guid TS_GUARDED_BY(m_cs);
+  std::unordered_map<uint32_t, IMRReceiveComplete*> m_receivers TS_GUARDED_BY(m_cs);
+  CBusQueue m_queue TS_GUARDED_BY(m_cs);
+  size_t m_uQueuedMessages TS_GUARDED_BY(m_cs) = 0;
+  size_t m_uQueuedBytes TS_GUARDED_BY(m_cs) = 0;
+  CBusDeadlines m_deadlines TS_GUARDED_BY(m_cs);
+  CBusBatons m_batons TS_GUARDED_BY(m_cs);
+  std::vector<_Slot> m_slots TS_GUARDED_BY(m_cs);
+  size_t m_uDispatchers TS_GUARDED_BY(m_cs) = 0;
+  size_t m_uIdle TS_GUARDED_BY(m_cs) = 0;          // dispatchers that wait for work
+  size_t m_uStateWaiters TS_GUARDED_BY(m_cs) = 0;  // threads in Unreceive, Leave and Join
+  uint32_t m_uiSinceClock TS_GUARDED_BY(m_cs) = 0;
+  std::atomic<size_t> m_uReplyBytes{0};
+};
