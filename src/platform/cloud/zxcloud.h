@@ -1,11 +1,15 @@
 // Cloud communication library: C interface, fixed. Every function returns 0 or an error; kZxcloudErr names
 // ours.
 //
-// Threads: zxcloud_init and zxcloud_uninit may be called from any thread, one after another; everything else
-// from any thread at any time (an error while not initialised, except zxcloud_setopt and
-// zxcloud_set_otherconnaddr, whose values are kept for the next initialisation). Callbacks run on the
-// library's threads, one at a time, may be called as soon as zxcloud_init has begun and never after
-// zxcloud_uninit returned. Texts are copied; callback texts live for the call.
+// Threads: zxcloud_init and zxcloud_uninit may be called from any thread, one after another, any number of
+// times; from inside a callback they answer kZxcloudErrState. zxcloud_uninit without an initialisation
+// answers 0, so that a caller may always begin with it. Everything else from any thread at any time (an error
+// while not initialised, except zxcloud_setopt and zxcloud_set_otherconnaddr, whose values are kept for the
+// next initialisation); calls that block are cancellation points and end when the library is uninitialised.
+// Callbacks run on the library's threads, one at a time (log also on a thread that is inside zxcloud_init or
+// zxcloud_tconf_check), may be called as soon as zxcloud_init has begun and never after zxcloud_uninit
+// returned. Texts are copied; callback texts live for the call.
+// The library sets SIGPIPE to ignored in the process.
 #pragma once
 
 #include <cstdint>
@@ -47,11 +51,14 @@ struct zxcloud_record {
 
 ZX_API uint32_t zxcloud_init(const zxcloud_record* record);
 ZX_API uint32_t zxcloud_uninit(void);
-// key=value pairs joined by ":"; unknown keys are kept and ignored. Keys: mid, m2, cloudtcp_disable, platid,
-// localip, disable_hb, allowdebug.
+// key=value pairs joined by ":", a value ends at the next ":key="; unknown keys are kept and ignored. Keys:
+// mid, m2, platid, localip, cloudtcp_disable (1: no long connection), disable_hb (1: no keep-alive messages
+// on it), which count from the next connection on, and allowdebug (1: lines of level 0), which counts at
+// once.
 ZX_API uint32_t zxcloud_setopt(const char* text);
 ZX_API uint32_t zxcloud_getopt(char* buffer,
                                int capacity);  // effective options and link state, cut to capacity
+// One more address (or list) of the configuration service, tried behind those of the file; "" for none.
 ZX_API uint32_t zxcloud_set_otherconnaddr(const char* address);
 ZX_API uint32_t zxcloud_tconf_check(const char* address);  // blocks up to 10 s
 // Priorities 0..3 and 10..13, 0 first. Non-blocking: accepted for delivery. Blocking: the far side has
