@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstring>
 
 #include "CloudLog.h"
 #include "CloudText.h"
@@ -50,7 +49,7 @@ bool CBrokerLink::Start(std::string& strError) {
     return true;
   m_iWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (m_iWakeFd < 0) {
-    strError = std::string("eventfd: ") + std::strerror(errno);
+    strError = std::string("eventfd: ") + ErrnoText(errno);
     return false;
   }
   mosquitto_lib_init();
@@ -81,7 +80,7 @@ bool CBrokerLink::Setup(std::string& strError) {
   if (!m_config.strUser.empty()) {
     CPString strFile;
     if (!m_config.strPasswordFile.empty() && !ZxReadFileText(CPString(m_config.strPasswordFile), strFile)) {
-      strError = "broker.password_file " + m_config.strPasswordFile + ": " + std::strerror(errno);
+      strError = "broker.password_file " + m_config.strPasswordFile + ": " + ErrnoText(errno);
       return false;
     }
     const std::string strPassword(Trim(strFile.View()).substr(0, kPasswordMax));
@@ -161,11 +160,11 @@ void CBrokerLink::Loop() {
   }
 }
 
-void CBrokerLink::Lost(const char* pszWhy) {
+void CBrokerLink::Lost(const std::string& strWhy) {
   // One line per loss, not one per attempt.
   if (m_bUp.exchange(false) || !m_bOffline)
     LogWarnTo(CloudLog(), "*zxcloudd broker not connected address[%s] error[%s]",
-              AddressText(m_config.listAddresses[m_uAddress]), pszWhy);
+              AddressText(m_config.listAddresses[m_uAddress]), strWhy);
   m_bOffline = true;
   m_uAddress = (m_uAddress + 1) % m_config.listAddresses.size();
 }
@@ -176,14 +175,14 @@ bool CBrokerLink::Connect() {
   m_iConnack = -1;
   m_bSubscribed = m_bSubscribeRefused = false;
   if (m_pMosq == nullptr && !Setup(strError)) {
-    Lost(strError.c_str());
+    Lost(strError);
     return false;
   }
   errno = 0;
   const int iCode =
       mosquitto_connect(m_pMosq, address.strHost.c_str(), address.iPort, m_config.iKeepaliveSec);
   if (iCode != MOSQ_ERR_SUCCESS) {
-    Lost(iCode == MOSQ_ERR_ERRNO ? std::strerror(errno) : mosquitto_strerror(iCode));
+    Lost(iCode == MOSQ_ERR_ERRNO ? ErrnoText(errno) : std::string(mosquitto_strerror(iCode)));
     return false;
   }
   return true;

@@ -53,7 +53,7 @@ class CBrokerLink {
   bool CommitBatch();
   bool PublishWaiting();
   void OnUp();
-  void Lost(const char* pszWhy);
+  void Lost(const std::string& strWhy);
   bool Pause(int iMs);  // false: stopping
   void DrainWake();
 

@@ -1,7 +1,6 @@
 #include "CloudConfig.h"
 
 #include <cerrno>
-#include <cstring>
 #include <limits>
 #include <set>
 
@@ -179,7 +178,8 @@ void ReadPcid(CPJsonParse& json, CMembers& members, std::string& strPcid, std::s
         (strProduct + strCombo).find_first_of(",|") != std::string::npos)
       entry.Fail("", "needs product, combo (without \",\" and \"|\") and id");
     entry.End();
-    strPcid += (strPcid.empty() ? "" : "|") + strProduct + "," + strCombo + "," + std::to_string(iId);
+    strPcid.append(strPcid.empty() ? "" : "|").append(strProduct).append(",").append(strCombo).append(",");
+    strPcid += std::to_string(iId);
   }
 }
 
@@ -275,7 +275,7 @@ bool ParseCloudConfig(const std::string& strJson, const std::string& strBaseDir,
 bool LoadCloudConfig(const std::string& strFile, _CloudConfig& config, std::string& strError) {
   CPString strJson;
   if (!ZxReadFileText(CPString(strFile), strJson)) {
-    strError = std::string("cannot be read: ") + std::strerror(errno);
+    strError = std::string("cannot be read: ") + ErrnoText(errno);
     return false;
   }
   const size_t uSlash = strFile.rfind('/');

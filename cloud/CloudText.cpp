@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <charconv>
+#include <cstring>
 
 namespace zxcloudd {
 
@@ -68,6 +69,11 @@ int64_t NowMs() {
   timespec ts{};
   clock_gettime(CLOCK_REALTIME, &ts);
   return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
+}
+
+std::string ErrnoText(int iError) {
+  const char* psz = strerrordesc_np(iError);
+  return psz != nullptr ? psz : "error " + std::to_string(iError);
 }
 
 std::string RandomHex(size_t uBytes) {

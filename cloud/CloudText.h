@@ -28,7 +28,8 @@ bool ParseNumber(std::string_view sv, int64_t i64Min, int64_t i64Max, int64_t& i
 // The text without blanks, tabs and line ends at both ends.
 std::string_view Trim(std::string_view sv);
 
-int64_t NowMs();  // wall clock, milliseconds since the epoch
+int64_t NowMs();                    // wall clock, milliseconds since the epoch
+std::string ErrnoText(int iError);  // "No such file or directory"
 // uBytes random bytes of the kernel as lower-case hexadecimal text.
 std::string RandomHex(size_t uBytes);
 

@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 
 #include "CloudLog.h"
 #include "CloudText.h"
@@ -22,7 +21,7 @@ bool SavePrivate(const std::string& strFile, const std::string& strText, std::st
   const CPString strTmp(strFile + ".tmp");
   if (ZxSaveFileData(strTmp, CPString(strText), true) && ZxSyncedRename(strTmp, CPString(strFile)))
     return true;
-  strError = strFile + ": " + std::strerror(errno);
+  strError = strFile + ": " + ErrnoText(errno);
   return false;
 }
 

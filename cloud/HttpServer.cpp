@@ -141,9 +141,8 @@ struct CHttpServer::Impl {
       server.Post(strPath, [this](const httplib::Request& req, httplib::Response& res,
                                   const httplib::ContentReader& reader) { Post(req, res, reader); });
     }
-    server.set_exception_handler([](const httplib::Request&, httplib::Response& res, std::exception_ptr) {
-      SendError(500, "internal error", res);
-    });
+    server.set_exception_handler([](const httplib::Request&, httplib::Response& res,
+                                    const std::exception_ptr&) { SendError(500, "internal error", res); });
   }
 };
 

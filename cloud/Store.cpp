@@ -6,10 +6,10 @@
 #include <unistd.h>
 
 #include <cerrno>
-#include <cstring>
 #include <exception>
 
 #include "CloudLog.h"
+#include "CloudText.h"
 #include "platform/os/ZxThread.h"
 
 namespace zxcloudd {
@@ -59,13 +59,13 @@ CStore::~CStore() {
 
 bool CStore::Open(const std::string& strDir, std::string& strError) {
   if (mkdir(strDir.c_str(), 0700) != 0 && errno != EEXIST) {
-    strError = strDir + ": " + std::strerror(errno);
+    strError = strDir + ": " + ErrnoText(errno);
     return false;
   }
   m_iLockFd = open((strDir + "/zxcloudd.lock").c_str(), O_CREAT | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (m_iLockFd < 0 || flock(m_iLockFd, LOCK_EX | LOCK_NB) != 0) {
     strError = strDir + (errno == EWOULDBLOCK ? " is in use by another zxcloudd"
-                                              : std::string("/zxcloudd.lock: ") + std::strerror(errno));
+                                              : std::string("/zxcloudd.lock: ") + ErrnoText(errno));
     Close();
     return false;
   }

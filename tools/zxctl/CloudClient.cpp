@@ -3,8 +3,8 @@
 #include <curl/curl.h>
 
 #include <cerrno>
-#include <cstring>
 
+#include "Table.h"
 #include "platform/doc/PJsonParse.h"
 #include "platform/os/ZxFile.h"
 
@@ -28,7 +28,7 @@ size_t Append(char* pData, size_t uSize, size_t uCount, void* pAnswer) {
 bool TokenFromFile(const std::string& strFile, std::string& strToken, std::string& strError) {
   CPString strText;
   if (!ZxReadFileText(CPString(strFile), strText)) {
-    strError = strFile + ": " + std::strerror(errno);
+    strError = strFile + ": " + ErrnoText(errno);
     return false;
   }
   strToken = strText.Str();
@@ -42,7 +42,7 @@ bool AddressFromRunDir(const std::string& strRunDir, _CloudAddress& address, std
   zxtools::CPJsonParse json;
   CPString strUrl, strTokenFile;
   if (!json.LoadFile(CPString(strFile))) {
-    strError = strFile + ": " + (errno != 0 ? std::strerror(errno) : "is not JSON");
+    strError = strFile + ": " + (errno != 0 ? ErrnoText(errno) : "is not JSON");
     return false;
   }
   zxtools::CPJsonParse::GetValue(json.GetNode("operator_url"), strUrl);
@@ -67,7 +67,7 @@ CCloudClient::~CCloudClient() {
 
 std::string CCloudClient::Escape(const std::string& str) {
   char* psz = curl_easy_escape(nullptr, str.c_str(), static_cast<int>(str.size()));
-  const std::string strEscaped = psz != nullptr ? psz : "";
+  std::string strEscaped = psz != nullptr ? psz : "";
   curl_free(psz);
   return strEscaped;
 }

@@ -9,9 +9,10 @@
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
-#include <cstring>
 #include <memory>
 #include <set>
+
+#include "Table.h"
 
 namespace zxctl {
 
@@ -89,7 +90,7 @@ bool ParseLogLine(std::string_view svLine, _LogRecord& record) {
     return false;
   tmLine.tm_year -= 1900;
   tmLine.tm_mon -= 1;
-  const int64_t i64Zone = (iZoneHours * 60 + iZoneMinutes) * 60;
+  const int64_t i64Zone = (iZoneHours * 60ll + iZoneMinutes) * 60;
   const int64_t i64Sec = timegm(&tmLine) - (svLine[24] == '-' ? -i64Zone : i64Zone);
   record.i64AtMs = i64Sec * 1000 + iMs;
   record.strText = svLine.substr(uAt);
@@ -174,7 +175,7 @@ bool ReadHomeLogs(const std::string& strHome, std::vector<_LogRecord>& listRecor
   const std::string strDir = strHome + "/log/";
   const std::unique_ptr<DIR, int (*)(DIR*)> pDir(opendir(strDir.c_str()), &closedir);
   if (pDir == nullptr) {
-    strError = strDir + ": " + std::strerror(errno);
+    strError = strDir + ": " + ErrnoText(errno);
     return false;
   }
   std::vector<std::string> listNames;
@@ -187,7 +188,7 @@ bool ReadHomeLogs(const std::string& strHome, std::vector<_LogRecord>& listRecor
   for (const std::string& strName : listNames) {
     std::string strData;
     if (!ReadTail(strDir + strName, strData)) {
-      strError = strDir + strName + ": " + std::strerror(errno);
+      strError = strDir + strName + ": " + ErrnoText(errno);
       return false;
     }
     for (_LogRecord& record : SplitLog(strName.substr(0, strName.find('.')), strData))

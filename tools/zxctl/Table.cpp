@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstring>
 
 namespace zxctl {
 
@@ -67,6 +68,11 @@ std::string AgoText(int64_t i64Ms, int64_t i64Now) {
     return std::to_string(i64Sec / 60) + " min ago";
   return i64Sec < 172800 ? std::to_string(i64Sec / 3600) + " h ago"
                          : std::to_string(i64Sec / 86400) + " d ago";
+}
+
+std::string ErrnoText(int iError) {
+  const char* psz = strerrordesc_np(iError);
+  return psz != nullptr ? psz : "error " + std::to_string(iError);
 }
 
 }  // namespace zxctl

@@ -14,4 +14,6 @@ std::string FormatTable(const std::vector<std::vector<std::string>>& listRows);
 std::string ClockText(int64_t i64Ms);                // local "HH:MM:SS.mmm"; "-" for 0
 std::string AgoText(int64_t i64Ms, int64_t i64Now);  // "12 s ago"; "-" for 0
 
+std::string ErrnoText(int iError);  // "No such file or directory"
+
 }  // namespace zxctl

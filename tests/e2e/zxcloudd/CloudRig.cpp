@@ -62,6 +62,10 @@ void CCloudRig::SetUp() {
 }
 
 void CCloudRig::TearDown() {
+  // Built with a sanitizer, the daemon reports into its log.
+  const std::string strLog = m_home.Exists("cloud.log") ? m_home.ReadFile("cloud.log").Str() : "";
+  for (const char* psz : {"Sanitizer", "runtime error"})
+    EXPECT_EQ(strLog.find(psz), std::string::npos);
   if (!HasFailure())
     return;
   for (const char* psz : {"cloud.log", "broker.log"}) {
