@@ -162,7 +162,7 @@ TEST_F(AgentMgrCancel, Threads_EndAtOnce_WithoutAManager) {
   EXPECT_TRUE(Logged("**zxagent CAgentMgr::CheckTconfThread pThis is NULL"));
 }
 
-// --- Stop with threads that do not listen. The pauses are skipped, so that 200 of them take no time.
+// --- Stop with threads that do not listen. The pauses are short, so that 200 of them take no minute.
 
 class AgentMgrStuck : public AgentMgrCancel {
  protected:

@@ -22,10 +22,10 @@
 #include "support/TempHome.h"
 #include "support/Waiter.h"
 
-// The pauses a manager asks for; taken for real unless bSkip.
+// The pauses a manager asks for; bShort makes a millisecond of each, which still lets other threads end.
 class CPauses {
  public:
-  explicit CPauses(bool bSkip) : m_bSkip(bSkip) {}
+  explicit CPauses(bool bShort) : m_bShort(bShort) {}
   void operator()(uint32_t dwMs) {
     {
       std::lock_guard<std::mutex> lock(m_mutex);
@@ -33,8 +33,7 @@ class CPauses {
     }
     if (m_fnOnPause)
       m_fnOnPause(dwMs);
-    if (!m_bSkip)
-      CAgentMgr::SleepMs(dwMs);
+    CAgentMgr::SleepMs(m_bShort ? 1 : dwMs);
   }
   std::vector<uint32_t> All() const {
     std::lock_guard<std::mutex> lock(m_mutex);
@@ -43,15 +42,15 @@ class CPauses {
   std::function<void(uint32_t)> m_fnOnPause;
 
  private:
-  const bool m_bSkip;
+  const bool m_bShort;
   mutable std::mutex m_mutex;
   std::vector<uint32_t> m_pauses;
 };
 
 class CManagerTest : public ::testing::Test {
  protected:
-  explicit CManagerTest(bool bSkipPauses = false)
-      : m_pauses(bSkipPauses), m_mgr(m_home.Path("root"), [this](uint32_t dwMs) { m_pauses(dwMs); }) {
+  explicit CManagerTest(bool bShortPauses = false)
+      : m_pauses(bShortPauses), m_mgr(m_home.Path("root"), [this](uint32_t dwMs) { m_pauses(dwMs); }) {
     m_cloud.Reset();
     CFakeMid::Instance().Reset();
     m_hLogZxcloud = m_log.Capture().Open("zxcloud", kLogDetail);
