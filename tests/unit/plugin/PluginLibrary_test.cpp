@@ -134,12 +134,13 @@ TEST_F(PluginLibrary, Home_IsTheDirectoryOfTheLibrary) {
   Initialize(plugin);
   SetCtx(plugin);
   plugin->pfnStart();
+  EXPECT_EQ(m_cloud.FireLog(3, 2, "a line of the library"), 0);
   plugin->pfnStop();
   plugin->pfnUninitialize();
   EXPECT_TRUE(m_home.Exists("etc/zxagent/inner/.mid"));
   EXPECT_EQ(m_home.Mode("data/zxagent/maint"), 0755u);
   EXPECT_THAT(m_home.ReadFile("log/zxagent.log").Str(), HasSubstr("zxagent CAgentMgr::Start End"));
-  EXPECT_TRUE(m_home.Exists("log/zxcloud.log"));
+  EXPECT_THAT(m_home.ReadFile("log/zxcloud.log").Str(), HasSubstr("a line of the library"));
   EXPECT_EQ(m_cloud.ConfigPath(), m_home.Path("etc/zxagent/inner/zxagent.json").Str());
 }
 
