@@ -44,7 +44,7 @@ class Agent:
         self.isolation = isolation()
         self.child = None
         os.makedirs(self.scratch)
-        shutil.copytree(template, self.home, symlinks=True, ignore=shutil.ignore_patterns("*.log", "run"))
+        shutil.copytree(template, self.home, symlinks=True, ignore=shutil.ignore_patterns("log", "run"))
         os.makedirs(self.path("log"), exist_ok=True)
         os.makedirs(self.path("etc/certs"), exist_ok=True)
         for source, target in (("ca.pem", "ca.pem"), ("agent.pem", "agent.pem"), ("agent.key", "agent.key")):
@@ -78,14 +78,19 @@ class Agent:
             os.remove(path)
 
     def start(self):
-        arguments = [self.path("bin/zxhost"), "--home", self.home, "--foreground"]
+        arguments = [self.path("bin/zxhost"), "--home", self.home]
         if self.isolation is not None:
             arguments = self.isolation + ["sh", "-c", PRIVATE_MOUNTS, "zxdemo", self.scratch] + arguments
         self.child = Child("zxhost", arguments, os.path.join(os.path.dirname(self.home), "zxhost.out"))
 
     def stop(self):
-        if self.child is not None and not self.child.stop(70):
+        child, self.child = self.child, None
+        if child is None:
+            return
+        if not child.stop(70):
             raise StepFailed("zxhost does not end when asked to")
+        if child.process.returncode != 0:
+            raise StepFailed("zxhost ended with %d" % child.process.returncode)
 
     def read(self, relative):
         try:

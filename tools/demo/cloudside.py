@@ -9,8 +9,10 @@ import time
 from processes import Child, StepFailed, wait_for
 
 CERTIFICATE_DAYS = "2"
-PCID = [{"product": "veltcwpp", "combo": "zxsample", "id": 1001}]
-PCID_TEXT = "veltcwpp,zxsample,1001"
+SAMPLE, ABSENT = 1001, 1002   # business numbers: the sample component, and one that no machine has
+PCID = [{"product": "veltcwpp", "combo": "zxsample", "id": SAMPLE},
+        {"product": "veltcwpp", "combo": "zxabsent", "id": ABSENT}]
+PCID_TEXT = "|".join("%s,%s,%d" % (entry["product"], entry["combo"], entry["id"]) for entry in PCID)
 
 
 def free_port():
@@ -92,7 +94,7 @@ class Broker:
                  "require_certificate true", "use_identity_as_username true", "allow_anonymous false",
                  "acl_file " + os.path.join(self.folder, "acl"),
                  "set_tcp_nodelay true", "max_queued_messages 100000", "max_inflight_messages 100",
-                 "message_size_limit 10485760",
+                 "max_packet_size 10485760",
                  "persistence true", "persistence_location " + self.folder + "/"]
         if os.geteuid() == 0:
             lines.append("user root")  # else it changes to a user that cannot read this folder
@@ -166,8 +168,9 @@ class Cloud:
     def agent(self, mid):
         return next((agent for agent in self.agents() if agent["mid"] == mid), None)
 
-    def push(self, mid, command_id, command, via, param=None):
-        arguments = ["push", "--mid", mid, "--pcid", "1001", "--command", command, "--id", command_id, "--via", via]
+    def push(self, mid, command_id, business, command, via, param=None):
+        arguments = ["push", "--mid", mid, "--pcid", str(business), "--command", command, "--id", command_id,
+                     "--via", via]
         if param is not None:
             arguments += ["--param", json.dumps(param)]
         code, _, error = self.zxctl(*arguments)

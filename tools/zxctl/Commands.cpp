@@ -17,6 +17,7 @@ namespace {
 using zxtools::CPJsonParse;
 using zxtools::HJsonNode;
 
+constexpr size_t kWhatMax = 120;  // characters of one table cell; --json has the whole text
 constexpr long kAskAgainNs = 20000000;
 
 std::string TextOf(const CPJsonParse& json, HJsonNode hParent, const char* pszName) {
@@ -163,6 +164,7 @@ std::vector<_Hop> CollectHops(const CPJsonParse& json, const std::vector<_LogRec
       _Hop hop;
       hop.i64AtMs = NumberOf(json, hEvent, "at_ms");
       hop.strWhere = "cloud";
+      hop.iRank = TextOf(json, hEvent, "kind") == "acked" ? kRankCloudIn : kRankCloudOut;
       hop.strWhat = CloudHop(json, hEvent);
       if (listCommands.size() > 1)
         hop.strWhat += " (" + TextOf(json, hCommand, "mid") + ")";
@@ -208,8 +210,8 @@ void PrintHopsTable(const CPJsonParse& json, const std::vector<_Hop>& listHops) 
   std::vector<std::vector<std::string>> listRows = {{"TIME", "+MS", "WHERE", "WHAT"}};
   int64_t i64Last = listHops.empty() ? 0 : listHops.front().i64AtMs;
   for (const _Hop& hop : listHops) {
-    listRows.push_back(
-        {ClockText(hop.i64AtMs), std::to_string(hop.i64AtMs - i64Last), hop.strWhere, hop.strWhat});
+    listRows.push_back({ClockText(hop.i64AtMs), std::to_string(hop.i64AtMs - i64Last), hop.strWhere,
+                        Shorten(hop.strWhat, kWhatMax)});
     i64Last = hop.i64AtMs;
   }
   Print(FormatTable(listRows));

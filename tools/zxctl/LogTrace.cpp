@@ -55,20 +55,21 @@ struct _Phrase {
   const char* pszPart;   // stands in the record
   const char* pszWhat;   // what it means
   const char* pszField;  // appended: the value of this field, when there is one
+  int iRank;
 };
 
 // The steps of a command inside the agent, by the texts that mark them.
 constexpr _Phrase kPhrases[] = {
-    {"ZxcloudPushmsgCallback recv", "received over the long connection", nullptr},
-    {"CAgentMgr::ZxcloudPollmsg recv message", "received by polling", nullptr},
-    {"pushmsg Begin recvnew", "numbered, data id", "u64DataId"},
-    {"pushmsg send taskmgr Begin", "handed over for component", "strGuid"},
-    {"pushmsg send taskmgr End OK", "the bus has taken it", nullptr},
-    {"pushmsg callback OK", "the component's success is noted", nullptr},
-    {"CAgentMgr::SendResponseMsg OK", "acknowledgement given to the link", nullptr},
-    {"SendPushMsgData Error GetCommandGuid", "no route for command", "strCommand"},
-    {"pushmsg InnerCommand OK", "done by the agent itself", nullptr},
-    {"pushmsg MaintCommand OK", "given to the maintenance tool", nullptr},
+    {"ZxcloudPushmsgCallback recv", "received over the long connection", nullptr, kRankAgentIn},
+    {"CAgentMgr::ZxcloudPollmsg recv message", "received by polling", nullptr, kRankAgentIn},
+    {"pushmsg Begin recvnew", "numbered, data id", "u64DataId", kRankAgentIn + 1},
+    {"pushmsg send taskmgr Begin", "handed over for component", "strGuid", kRankAgentIn + 3},
+    {"pushmsg send taskmgr End OK", "the bus has taken it", nullptr, kRankAgentIn + 4},
+    {"pushmsg InnerCommand OK", "done by the agent itself", nullptr, kRankAgentIn + 3},
+    {"pushmsg MaintCommand OK", "given to the maintenance tool", nullptr, kRankAgentIn + 3},
+    {"SendPushMsgData Error GetCommandGuid", "no route for command", "strCommand", kRankAgentIn + 3},
+    {"CAgentMgr::SendResponseMsg OK", "acknowledgement given to the link", nullptr, kRankAgentOut},
+    {"pushmsg callback OK", "the component's success is noted", nullptr, kRankAgentOut + 1},
 };
 
 }  // namespace
@@ -204,12 +205,14 @@ bool HopOf(const _LogRecord& record, _Hop& hop) {
   hop.strWhat.clear();
   if (record.strChannel == "zxagentflow") {
     hop.strWhat = "noted in the flow log";
+    hop.iRank = kRankAgentIn + 2;
     return true;
   }
   for (const _Phrase& phrase : kPhrases) {
     if (!Contains(record.strText, phrase.pszPart))
       continue;
     hop.strWhat = phrase.pszWhat;
+    hop.iRank = phrase.iRank;
     const std::string strField = phrase.pszField != nullptr ? FieldOf(record.strText, phrase.pszField) : "";
     if (!strField.empty())
       hop.strWhat += " " + strField;
@@ -221,12 +224,14 @@ bool HopOf(const _LogRecord& record, _Hop& hop) {
   if (bAgent && (record.strText.empty() || record.strText.front() != '*'))
     return false;
   hop.strWhat = record.strText.substr(0, record.strText.find('\n'));
+  hop.iRank = bAgent ? kRankAgentOut : kRankComponent;
   return true;
 }
 
 void SortHops(std::vector<_Hop>& listHops) {
-  std::stable_sort(listHops.begin(), listHops.end(),
-                   [](const _Hop& a, const _Hop& b) { return a.i64AtMs < b.i64AtMs; });
+  std::stable_sort(listHops.begin(), listHops.end(), [](const _Hop& a, const _Hop& b) {
+    return a.i64AtMs != b.i64AtMs ? a.i64AtMs < b.i64AtMs : a.iRank < b.iRank;
+  });
 }
 
 }  // namespace zxctl

@@ -32,12 +32,18 @@ bool ReadHomeLogs(const std::string& strHome, std::vector<_LogRecord>& listRecor
 
 struct _Hop {
   int64_t i64AtMs = 0;
+  int iRank = 0;  // where the step stands on a command's way; orders steps of one millisecond
   std::string strWhere, strWhat, strText;
 };
+inline constexpr int kRankCloudOut = 0;
+inline constexpr int kRankAgentIn = 10;
+inline constexpr int kRankComponent = 20;
+inline constexpr int kRankAgentOut = 30;
+inline constexpr int kRankCloudIn = 40;
 
 // What a record means for a reader; false for records that are no step of their own.
 bool HopOf(const _LogRecord& record, _Hop& hop);
-// By time; records of one millisecond keep their order.
+// By time, within a millisecond by rank, otherwise as they came.
 void SortHops(std::vector<_Hop>& listHops);
 
 }  // namespace zxctl

@@ -46,6 +46,19 @@ std::string FormatTable(const std::vector<std::vector<std::string>>& listRows) {
   return str;
 }
 
+std::string Shorten(const std::string& str, size_t uMax) {
+  size_t uChars = 0, uCut = str.size();
+  for (size_t u = 0; u < str.size(); ++u) {
+    if ((static_cast<unsigned char>(str[u]) & 0xc0) == 0x80)
+      continue;
+    if (uChars + 3 == uMax)
+      uCut = u;
+    if (++uChars > uMax)
+      return str.substr(0, uCut) + "...";
+  }
+  return str;
+}
+
 std::string ClockText(int64_t i64Ms) {
   if (i64Ms == 0)
     return "-";

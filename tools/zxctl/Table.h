@@ -11,8 +11,9 @@ namespace zxctl {
 // column is not padded. Control characters in cells are shown as "?", so that nothing a machine sent can
 // steer a terminal.
 std::string FormatTable(const std::vector<std::vector<std::string>>& listRows);
-std::string ClockText(int64_t i64Ms);                // local "HH:MM:SS.mmm"; "-" for 0
-std::string AgoText(int64_t i64Ms, int64_t i64Now);  // "12 s ago"; "-" for 0
+std::string Shorten(const std::string& str, size_t uMax);  // at most uMax characters, "..." where it was cut
+std::string ClockText(int64_t i64Ms);                      // local "HH:MM:SS.mmm"; "-" for 0
+std::string AgoText(int64_t i64Ms, int64_t i64Now);        // "12 s ago"; "-" for 0
 
 std::string ErrnoText(int iError);  // "No such file or directory"
 

@@ -103,6 +103,26 @@ TEST(LogTrace, ReadHomeLogs_TakesEveryChannel_NamesAMissingDirectory) {
   EXPECT_EQ(list[1].strChannel, "b");
 }
 
+TEST(LogTrace, SortHops_OrdersAMillisecondByTheCommandsWay) {
+  std::vector<_Hop> list = {{5, kRankCloudIn, "e", "", ""},
+                            {5, kRankComponent, "c", "", ""},
+                            {4, kRankCloudIn, "a", "", ""},
+                            {5, kRankAgentIn, "b", "", ""},
+                            {5, kRankComponent, "d", "", ""}};
+  SortHops(list);
+  std::string strOrder;
+  for (const _Hop& hop : list)
+    strOrder += hop.strWhere;
+  EXPECT_EQ(strOrder, "abcde");
+}
+
+TEST(Table, Shorten_CutsAtCharacters) {
+  EXPECT_EQ(Shorten("abcde", 5), "abcde");
+  EXPECT_EQ(Shorten("abcdef", 5), "ab...");
+  EXPECT_EQ(Shorten("\xe6\x94\xb6\xe6\x94\xb6\xe6\x94\xb6\xe6\x94\xb6\xe6\x94\xb6\xe6\x94\xb6", 5),
+            "\xe6\x94\xb6\xe6\x94\xb6...");
+}
+
 TEST(Table, FormatTable_AlignsByCharacters_AndHidesControls) {
   EXPECT_EQ(FormatTable({{"A", "B"}, {"\xe6\x94\xb6", "x"}, {"long", "\x1b[31m"}}),
             "A     B\n\xe6\x94\xb6     x\nlong  ?[31m\n");
