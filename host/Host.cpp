@@ -1,15 +1,20 @@
 #include "Host.h"
 
+#include <poll.h>
 #include <signal.h>
-#include <systemd/sd-daemon.h>
+#include <sys/signalfd.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <utility>
+
+#include "HostLog.h"
+#include "ServiceNotify.h"
+#include "platform/os/ZxTime.h"
 
 namespace {
 
-sigset_t HandledSignals() {
+sigset_t HostSignals() {
   sigset_t set;
   sigemptyset(&set);
   for (const int iSignal : {SIGTERM, SIGINT, SIGHUP})
@@ -17,105 +22,121 @@ sigset_t HandledSignals() {
   return set;
 }
 
-// Half of what the service manager allows between two signs of life; 0 when it wants none.
-uint64_t WatchdogIntervalUs() {
-  uint64_t u64Us = 0;
-  return sd_watchdog_enabled(0, &u64Us) > 0 ? u64Us / 2 : 0;
-}
-
-int WaitSignal(const sigset_t& set, uint64_t u64IntervalUs) {
-  if (u64IntervalUs == 0) {
-    int iSignal = 0;
-    return sigwait(&set, &iSignal) == 0 ? iSignal : 0;
-  }
-  const timespec ts{static_cast<time_t>(u64IntervalUs / 1000000),
-                    static_cast<long>(u64IntervalUs % 1000000) * 1000};
-  const int iSignal = sigtimedwait(&set, nullptr, &ts);
-  return iSignal > 0 ? iSignal : 0;
-}
-
 }  // namespace
 
-CHost::CHost(std::string strHome, CHostConfig config, HLog hLog)
-    : m_strHome(std::move(strHome)), m_config(std::move(config)), m_hLog(hLog) {
-  m_param.pszHome = m_strHome.c_str();
-  m_param.pszVersion = kHostVersion;
+void BlockHostSignals() {
+  const sigset_t set = HostSignals();
+  pthread_sigmask(SIG_BLOCK, &set, nullptr);
+  signal(SIGPIPE, SIG_IGN);
 }
 
-CHost::~CHost() = default;
+CHost::CHost(const _HostConfig& config, const CPString& strHome)
+    : m_config(config), m_driver(config, strHome) {}
 
-void CHost::BlockSignals() {
-  const sigset_t set = HandledSignals();
-  pthread_sigmask(SIG_BLOCK, &set, nullptr);
-  signal(SIGPIPE, SIG_IGN);  // a peer that closes its socket is an error code, not the end
+CHost::~CHost() {
+  if (m_iSignalFd >= 0)
+    close(m_iSignalFd);
 }
 
 int CHost::Run() {
-  LogInfoTo(m_hLog, "zxhost %s starts home[%s] plug-ins[%llu]", kHostVersion, m_strHome,
-            m_config.plugins.size());
-  const size_t uStarted = StartPlugins();
-  if (uStarted == 0) {
-    LogErrorTo(m_hLog, "**zxhost no plug-in could be started");
-    sd_notify(0, "STATUS=no plug-in could be started");
-    StopPlugins();
+  const sigset_t set = HostSignals();
+  m_iSignalFd = signalfd(-1, &set, SFD_CLOEXEC | SFD_NONBLOCK);
+  if (m_iSignalFd < 0 || !m_driver.Start()) {
+    LogErrorTo(g_hHostLog, "**zxhost cannot start error[%d]", errno);
     return kExitNoPlugin;
   }
-  sd_notifyf(0, "READY=1\nSTATUS=%zu of %zu plug-ins started", uStarted, m_config.plugins.size());
-  LogInfoTo(m_hLog, "zxhost ready started[%llu]", uStarted);
-  WaitForStop();
-  sd_notify(0, "STOPPING=1");
-  if (!m_guard.Arm(m_config.uStopTimeoutMs))
-    LogErrorTo(m_hLog, "**zxhost stop is not bounded: no thread for its deadline");
-  StopPlugins();
-  LogInfoTo(m_hLog, "zxhost ended");
-  return kExitOk;
-}
-
-// A plug-in that fails is logged and left out; the others run.
-size_t CHost::StartPlugins() {
-  for (const CPluginConfig& config : m_config.plugins) {
-    if (!config.bEnabled)
-      continue;
-    auto pPlugin = std::make_unique<CPlugin>(config, m_hLog);
-    if (pPlugin->Load(&m_param))
-      m_plugins.push_back(std::move(pPlugin));
+  m_uiAliveMs = AliveIntervalMs();
+  pollfd fds[2] = {{m_iSignalFd, POLLIN, 0}, {m_driver.EventFd(), POLLIN, 0}};
+  while (m_ePhase != CPluginDriver::EPhase::Stopped) {
+    const int iReady = poll(fds, 2, PollTimeoutMs());
+    if (iReady > 0 && (fds[0].revents & POLLIN) != 0)
+      OnSignals();
+    if (iReady > 0 && (fds[1].revents & POLLIN) != 0)
+      OnDriver();
+    OnTimer();
   }
-  size_t uStarted = 0;
-  for (const auto& pPlugin : m_plugins)
-    uStarted += pPlugin->Start() ? 1 : 0;
-  return uStarted;
+  if (m_driver.Started() != 0)
+    return kExitOk;
+  if (m_bStopping)
+    return kExitOk;  // told to stop before the first plug-in was up
+  LogErrorTo(g_hHostLog, "**zxhost no plug-in could be started plugins[%u]",
+             static_cast<uint32_t>(m_config.plugins.size()));
+  return kExitNoPlugin;
 }
 
-void CHost::WaitForStop() {
-  const sigset_t set = HandledSignals();
-  const uint64_t u64IntervalUs = WatchdogIntervalUs();
-  for (;;) {
-    if (u64IntervalUs != 0)
-      sd_notify(0, "WATCHDOG=1");
-    const int iSignal = WaitSignal(set, u64IntervalUs);
-    if (iSignal == SIGHUP) {
-      // The log library notices a changed zxlog.json by itself; the line tells that the host lives.
-      LogInfoTo(m_hLog, "zxhost SIGHUP: log settings are read again when they changed");
-      continue;
+int CHost::PollTimeoutMs() const {
+  uint64_t u64NextMs = UINT64_MAX;
+  if (m_bStopping)
+    u64NextMs = m_u64StopDeadlineMs;
+  if (m_uiAliveMs != 0 && m_ePhase == CPluginDriver::EPhase::Running)
+    u64NextMs = std::min(u64NextMs, m_u64NextAliveMs);
+  if (u64NextMs == UINT64_MAX)
+    return -1;
+  const uint64_t u64NowMs = ZxGetTickCount();
+  return u64NextMs <= u64NowMs ? 0 : static_cast<int>(std::min<uint64_t>(u64NextMs - u64NowMs, INT32_MAX));
+}
+
+void CHost::BeginStop(const char* pszWhy) {
+  if (m_bStopping)
+    return;
+  m_bStopping = true;
+  m_u64StopDeadlineMs = ZxGetTickCount() + m_config.uiStopTimeoutSec * 1000u;
+  LogInfoTo(g_hHostLog, "zxhost stopping why[%s] stop_timeout_sec[%u]", pszWhy, m_config.uiStopTimeoutSec);
+  NotifyStopping();
+  m_driver.RequestStop();
+}
+
+void CHost::OnSignals() {
+  signalfd_siginfo info{};
+  while (read(m_iSignalFd, &info, sizeof(info)) == sizeof(info)) {
+    switch (info.ssi_signo) {
+      case SIGHUP:
+        // The log library looks at its settings by itself; the line is the proof that the signal came
+        // through.
+        LogInfoTo(g_hHostLog, "zxhost SIGHUP: etc/zxlog.json is read again within seconds");
+        break;
+      case SIGINT:
+        if (++m_iInterrupts > 1) {
+          LogWarnTo(g_hHostLog, "*zxhost second SIGINT, exit at once step[%s]", m_driver.Step());
+          ExitNow(kExitInterrupted);
+        }
+        BeginStop("SIGINT");
+        break;
+      default:
+        BeginStop("SIGTERM");
+        break;
     }
-    if (iSignal == SIGTERM || iSignal == SIGINT) {
-      LogInfoTo(m_hLog, "zxhost stops signal[%d]", iSignal);
-      // A second Ctrl-C ends the process at once.
-      sigset_t interrupt;
-      sigemptyset(&interrupt);
-      sigaddset(&interrupt, SIGINT);
-      signal(SIGINT, [](int) { _exit(128 + SIGINT); });
-      pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
-      return;
-    }
   }
 }
 
-void CHost::StopPlugins() {
-  for (auto it = m_plugins.rbegin(); it != m_plugins.rend(); ++it)
-    (*it)->Stop();
-  while (!m_plugins.empty()) {
-    m_plugins.back()->Unload();
-    m_plugins.pop_back();
+void CHost::OnDriver() {
+  m_driver.TakeEvents();
+  const CPluginDriver::EPhase ePhase = m_driver.Phase();
+  if (!m_bStopping && ePhase == CPluginDriver::EPhase::Running &&
+      m_ePhase == CPluginDriver::EPhase::Starting) {
+    LogInfoTo(g_hHostLog, "zxhost running plugins[%u]", static_cast<uint32_t>(m_driver.Started()));
+    NotifyReady(m_driver.Started());
+    m_u64NextAliveMs = ZxGetTickCount();
   }
+  m_ePhase = ePhase;
+  const uint32_t uiAnswered = m_driver.Answered();
+  if (uiAnswered != m_uiAnswered)
+    NotifyAlive();
+  m_uiAnswered = uiAnswered;
+}
+
+void CHost::OnTimer() {
+  const uint64_t u64NowMs = ZxGetTickCount();
+  if (m_bStopping && m_ePhase != CPluginDriver::EPhase::Stopped && u64NowMs >= m_u64StopDeadlineMs) {
+    LogErrorTo(g_hHostLog, "**zxhost not stopped in time, exit now step[%s] stop_timeout_sec[%u]",
+               m_driver.Step(), m_config.uiStopTimeoutSec);
+    ExitNow(kExitStopTimeout);
+  }
+  if (m_uiAliveMs == 0 || m_ePhase != CPluginDriver::EPhase::Running || u64NowMs < m_u64NextAliveMs)
+    return;
+  m_u64NextAliveMs = u64NowMs + m_uiAliveMs;
+  if (m_bStopping)
+    NotifyAlive();  // the deadline above guards this time
+  else
+    m_driver.RequestTick();  // a sign of life is what the plug-ins' thread answers
 }

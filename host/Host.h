@@ -1,45 +1,50 @@
-// The host's life: load, start, wait for signals, stop. Main thread only. All signals that it handles are
-// blocked in every thread and taken here one after another.
+// The host's main loop: signals, the driver's progress, signs of life, and the deadline for stopping. Runs on
+// the main thread and never calls a plug-in, so it can always end the process.
 #pragma once
 
-#include <memory>
-#include <string>
-#include <vector>
+#include <cstdint>
 
 #include "HostConfig.h"
-#include "Plugin.h"
-#include "StopGuard.h"
+#include "PluginDriver.h"
 
-inline constexpr char kHostVersion[] = "0.1.0";
-
+// Exit codes of zxhost.
 enum : int {
   kExitOk = 0,
-  kExitNoPlugin = 1,  // none of the configured plug-ins could be started
-  kExitUsage = 2,     // configuration or command line
-  kExitRunning = 3,   // another host serves this home
+  kExitNoPlugin = 1,      // none could be started
+  kExitUsage = 2,         // command line or configuration
+  kExitTaken = 3,         // another host runs on this home
+  kExitStopTimeout = 75,  // a plug-in did not stop in time
+  kExitInterrupted = 130  // second SIGINT
 };
+
+// The signals that the loop takes; block them before the first thread starts.
+void BlockHostSignals();
 
 class CHost {
  public:
-  CHost(std::string strHome, CHostConfig config, HLog hLog);
+  CHost(const _HostConfig& config, const CPString& strHome);
   ~CHost();
   CHost(const CHost&) = delete;
   CHost& operator=(const CHost&) = delete;
 
-  // Blocks SIGTERM, SIGINT and SIGHUP for the calling thread and all it starts. Before any other thread
-  // exists.
-  static void BlockSignals();
-  int Run();  // an exit code
+  // Until everything has stopped; the exit code. Ends the process itself when that takes too long.
+  int Run();
 
  private:
-  size_t StartPlugins();
-  void WaitForStop();
-  void StopPlugins();
+  void OnSignals();
+  void OnDriver();
+  void OnTimer();
+  void BeginStop(const char* pszWhy);
+  int PollTimeoutMs() const;
 
-  const std::string m_strHome;
-  const CHostConfig m_config;
-  const HLog m_hLog;
-  CHostInitParam m_param;
-  std::vector<std::unique_ptr<CPlugin>> m_plugins;
-  CStopGuard m_guard;
+  const _HostConfig m_config;
+  CPluginDriver m_driver;
+  int m_iSignalFd = -1;
+  CPluginDriver::EPhase m_ePhase = CPluginDriver::EPhase::Starting;
+  bool m_bStopping = false;
+  int m_iInterrupts = 0;
+  uint64_t m_u64StopDeadlineMs = 0;
+  uint32_t m_uiAliveMs = 0;  // 0: no signs of life wanted
+  uint64_t m_u64NextAliveMs = 0;
+  uint32_t m_uiAnswered = 0;  // ticks that the driver has answered
 };

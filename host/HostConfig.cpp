@@ -1,68 +1,99 @@
 #include "HostConfig.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
 #include "platform/doc/PJsonParse.h"
+#include "platform/text/PStrList.h"
+
+namespace {
 
 using zxtools::CPJsonParse;
 using zxtools::HJsonNode;
 
-namespace {
+constexpr int kMaxLogLevel = 9;
+constexpr int kMaxDispatchers = 64;
 
-constexpr int kMaxStopSec = 65;
-
-std::string Text(const CPJsonParse& json, HJsonNode hParent, const char* pszName) {
-  CPString strValue;
-  if (const HJsonNode hNode = json.GetNode(hParent, pszName); hNode != nullptr)
-    CPJsonParse::GetValue(hNode, strValue);
-  return strValue.Str();
+CPString TextOf(const CPJsonParse& json, HJsonNode hParent, const char* pszName) {
+  CPString str;
+  const HJsonNode hNode = json.GetNode(hParent, pszName);
+  if (hNode != nullptr)
+    CPJsonParse::GetValue(hNode, str);
+  return str;
 }
 
-std::string BaseName(const std::string& strPath) {
-  return strPath.substr(strPath.rfind('/') + 1);
+int IntOf(const CPJsonParse& json, HJsonNode hParent, const char* pszName, int iDefault) {
+  int iValue = 0;
+  const HJsonNode hNode = json.GetNode(hParent, pszName);
+  return hNode != nullptr && CPJsonParse::GetIntValue(hNode, iValue) != 0 ? iValue : iDefault;
+}
+
+bool LeavesHome(const CPString& strPath) {
+  CPStrList parts;
+  strPath.Split("/", parts, true, false);
+  return parts.FindData("..", 0) >= 0;
+}
+
+// Empty when the entry is usable.
+CPString ReadEntry(const CPJsonParse& json, HJsonNode hEntry, const CPString& strHome, _PluginEntry& entry) {
+  entry.strPath = TextOf(json, hEntry, "path");
+  entry.strGuid = TextOf(json, hEntry, "guid");
+  entry.strName = TextOf(json, hEntry, "name");
+  if (entry.strName.IsEmpty())
+    entry.strName = entry.strPath;
+  const int iDispatchers = IntOf(json, hEntry, "dispatchers", 0);
+  if (entry.strPath.IsEmpty())
+    return "no path";
+  if (entry.strGuid.IsEmpty())
+    return "no guid";
+  if (iDispatchers < 0 || iDispatchers > kMaxDispatchers)
+    return "dispatchers out of range";
+  entry.uiDispatchers = static_cast<uint32_t>(iDispatchers);
+  if (entry.strPath.c_str()[0] == '/')
+    return "";
+  if (LeavesHome(entry.strPath))
+    return "relative path leaves the home";
+  entry.strPath = strHome + entry.strPath;
+  return "";
 }
 
 }  // namespace
 
-bool ReadHostConfig(const std::string& strFile, const std::string& strHome, CHostConfig& config,
-                    std::string& strError) {
+bool LoadHostConfig(const CPString& strFile, const CPString& strHome, _HostConfig& config,
+                    CPString& strError) {
   CPJsonParse json;
-  errno = 0;
-  if (json.LoadFile(CPString(strFile)) == 0) {
-    char szBuffer[128] = {};
-    strError = errno != 0 ? strerror_r(errno, szBuffer, sizeof(szBuffer)) : "no JSON";
+  if (json.LoadFile(strFile) == 0) {
+    strError = errno != 0 ? std::strerror(errno) : "not a JSON document";  // NOLINT(concurrency-mt-unsafe)
     return false;
   }
-  std::vector<HJsonNode> children;
+  std::vector<HJsonNode> entries;
   const HJsonNode hPlugins = json.GetNode("plugins");
-  if (hPlugins == nullptr || json.GetAllNode(hPlugins, children) == 0) {
-    strError = "no array \"plugins\"";
+  if (hPlugins == nullptr || json.GetAllNode(hPlugins, entries) == 0) {
+    strError = "no list \"plugins\"";
     return false;
   }
-  for (const HJsonNode hChild : children) {
-    CPluginConfig plugin;
-    plugin.strPath = Text(json, hChild, "path");
-    plugin.strGuid = Text(json, hChild, "guid");
-    plugin.strName = Text(json, hChild, "name");
-    if (plugin.strPath.empty() || plugin.strGuid.empty()) {
-      strError = "plug-in " + std::to_string(config.plugins.size()) + " has no \"path\" or no \"guid\"";
-      return false;
-    }
-    if (plugin.strPath[0] != '/')
-      plugin.strPath.insert(0, strHome);
-    if (plugin.strName.empty())
-      plugin.strName = BaseName(plugin.strPath);
-    int iEnabled = 1;
-    if (const HJsonNode hNode = json.GetNode(hChild, "enabled"); hNode != nullptr)
-      CPJsonParse::GetIntValue(hNode, iEnabled);
-    plugin.bEnabled = iEnabled != 0;
-    config.plugins.push_back(std::move(plugin));
+  const int iTimeout = IntOf(json, nullptr, "stop_timeout_sec", static_cast<int>(config.uiStopTimeoutSec));
+  if (iTimeout < 1 || iTimeout > static_cast<int>(kMaxStopTimeoutSec))
+    config.warnings.push_back("stop_timeout_sec out of range, default taken");
+  else
+    config.uiStopTimeoutSec = static_cast<uint32_t>(iTimeout);
+  const int iLevel = IntOf(json, nullptr, "log_level", 0);
+  if (iLevel < 0 || iLevel > kMaxLogLevel)
+    config.warnings.push_back("log_level out of range, ignored");
+  else
+    config.iLogLevel = iLevel;
+
+  for (const HJsonNode hEntry : entries) {
+    if (IntOf(json, hEntry, "enabled", 1) == 0)
+      continue;
+    _PluginEntry entry;
+    CPString strWhy = ReadEntry(json, hEntry, strHome, entry);
+    if (strWhy.IsEmpty() && config.plugins.size() >= kMaxPlugins)
+      strWhy = "too many plug-ins";
+    if (strWhy.IsEmpty())
+      config.plugins.push_back(std::move(entry));
+    else
+      config.warnings.push_back("plug-in \"" + entry.strName + "\" left out: " + strWhy);
   }
-  int iStopSec = kMaxStopSec;
-  if (const HJsonNode hNode = json.GetNode("stop_timeout_sec"); hNode != nullptr)
-    CPJsonParse::GetIntValue(hNode, iStopSec);
-  config.uStopTimeoutMs = static_cast<uint32_t>(std::clamp(iStopSec, 1, kMaxStopSec)) * 1000;
   return true;
 }

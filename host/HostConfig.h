@@ -1,24 +1,29 @@
-// What zxhost is told to run: etc/zxhost.json under the home.
-//   {"stop_timeout_sec": 65, "plugins": [{"name", "path", "guid", "enabled"}]}
-// Relative paths are relative to the home. Plain values; nothing here logs.
+// etc/zxhost.json: which plug-ins the host loads, in which order, and its own limits. See docs/zxhost.md.
 #pragma once
 
 #include <cstdint>
-#include <string>
 #include <vector>
 
-struct CPluginConfig {
-  std::string strName;  // in log lines
-  std::string strPath;  // absolute
-  std::string strGuid;  // the name that the plug-in's CreateObject is asked for
-  bool bEnabled = true;
+#include "platform/text/PString.h"
+
+inline constexpr uint32_t kMaxStopTimeoutSec = 65;  // the agent's own stop takes up to 60
+inline constexpr size_t kMaxPlugins = 64;
+
+struct _PluginEntry {
+  CPString strName;            // for the log
+  CPString strPath;            // absolute
+  CPString strGuid;            // as CreateObject wants it
+  uint32_t uiDispatchers = 0;  // 0: the bus's default
 };
 
-struct CHostConfig {
-  std::vector<CPluginConfig> plugins;  // started in this order, stopped in reverse
-  uint32_t uStopTimeoutMs = 65000;     // 1 to 65 s; then the process ends whatever a plug-in does
+struct _HostConfig {
+  std::vector<_PluginEntry> plugins;  // enabled ones, in order
+  uint32_t uiStopTimeoutSec = kMaxStopTimeoutSec;
+  int iLogLevel = 0;               // 0: not set
+  std::vector<CPString> warnings;  // entries that were left out, and why
 };
 
-// False with a reason in strError: unreadable, no JSON, or a plug-in without path or guid.
-bool ReadHostConfig(const std::string& strFile, const std::string& strHome, CHostConfig& config,
-                    std::string& strError);
+// Reads the file. strHome ends in "/"; relative plug-in paths stand below it and may not leave it. False with
+// strError set when there is no usable document; an unusable entry is left out with a warning. Does not log.
+bool LoadHostConfig(const CPString& strFile, const CPString& strHome, _HostConfig& config,
+                    CPString& strError);

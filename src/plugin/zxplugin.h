@@ -5,6 +5,17 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
+
+// What zxhost passes to pfnInitialize. Another host may pass anything that is not null, so a plug-in that
+// reads the record must know its host. Valid during the call. New fields go to the end; uiSize tells which
+// exist.
+struct CPluginInit {
+  uint32_t uiSize;         // sizeof(CPluginInit) of the host
+  const char* pszHome;     // home directory, ends in "/"
+  const char* pszVersion;  // of the host
+  const char* pszName;     // the plug-in's name in the host's configuration
+};
 
 struct CPluginObj {
   int (*pfnInitialize)(void* pInitParam);  // 0, or -1 when pInitParam is null

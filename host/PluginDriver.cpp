@@ -1,0 +1,140 @@
+#include "PluginDriver.h"
+
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <system_error>
+#include <utility>
+
+#include "HostLog.h"
+#include "platform/os/ZxThread.h"
+
+CPluginDriver::CPluginDriver(const _HostConfig& config, CPString strHome)
+    : m_config(config), m_strHome(std::move(strHome)) {}
+
+CPluginDriver::~CPluginDriver() {
+  if (m_thread.joinable())
+    m_thread.join();
+  if (m_iEventFd >= 0)
+    close(m_iEventFd);
+}
+
+bool CPluginDriver::Start() {
+  m_iEventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (m_iEventFd < 0)
+    return false;
+  try {
+    m_thread = std::thread([this] { Run(); });
+  } catch (const std::system_error& e) {
+    errno = e.code().value();
+    return false;
+  }
+  return true;
+}
+
+void CPluginDriver::Notify() {
+  const uint64_t u64One = 1;
+  (void)!write(m_iEventFd, &u64One, sizeof(u64One));
+}
+
+void CPluginDriver::TakeEvents() {
+  uint64_t u64Count = 0;
+  (void)!read(m_iEventFd, &u64Count, sizeof(u64Count));
+}
+
+CPluginDriver::EPhase CPluginDriver::Phase() {
+  CCritLock lock(m_cs);
+  return m_ePhase;
+}
+
+size_t CPluginDriver::Started() {
+  CCritLock lock(m_cs);
+  return m_uStarted;
+}
+
+uint32_t CPluginDriver::Answered() {
+  CCritLock lock(m_cs);
+  return m_uiAnswered;
+}
+
+bool CPluginDriver::IsStopRequested() {
+  CCritLock lock(m_cs);
+  return m_bStop;
+}
+
+void CPluginDriver::SetPhase(EPhase ePhase) {
+  {
+    CCritLock lock(m_cs);
+    m_ePhase = ePhase;
+  }
+  Notify();
+}
+
+void CPluginDriver::RequestStop() {
+  CCritLock lock(m_cs);
+  m_bStop = true;
+  pthread_cond_signal(&m_cond);
+}
+
+void CPluginDriver::RequestTick() {
+  CCritLock lock(m_cs);
+  m_bTick = true;
+  pthread_cond_signal(&m_cond);
+}
+
+void CPluginDriver::Run() {
+  ZxSetThreadName("zxhost.plugins");
+  StartAll();
+  if (Started() != 0) {
+    SetPhase(EPhase::Running);
+    WaitForStop();
+  }
+  StopAll();
+  SetPhase(EPhase::Stopped);
+}
+
+void CPluginDriver::StartAll() {
+  for (const _PluginEntry& entry : m_config.plugins) {
+    if (IsStopRequested())
+      return;
+    auto pPlugin = std::make_unique<CPlugin>(entry, m_strHome, m_note);
+    if (!pPlugin->Load() || !pPlugin->Start()) {
+      LogWarnTo(g_hHostLog, "*zxhost plugin[%s] left out, the others go on", entry.strName);
+      continue;
+    }
+    m_plugins.push_back(std::move(pPlugin));
+    CCritLock lock(m_cs);
+    ++m_uStarted;
+  }
+}
+
+void CPluginDriver::WaitForStop() {
+  for (;;) {
+    {
+      CCritLock lock(m_cs);
+      while (!m_bStop && !m_bTick)
+        pthread_cond_wait(&m_cond, m_cs.Native());
+      if (m_bStop)
+        return;
+      m_bTick = false;
+    }
+    for (const auto& pPlugin : m_plugins)
+      pPlugin->Status();
+    {
+      CCritLock lock(m_cs);
+      ++m_uiAnswered;
+    }
+    Notify();
+  }
+}
+
+void CPluginDriver::StopAll() {
+  // All are stopped before the first is unloaded: until then they may still talk to each other.
+  for (auto it = m_plugins.rbegin(); it != m_plugins.rend(); ++it)
+    (*it)->Stop();
+  while (!m_plugins.empty()) {
+    m_plugins.back()->Unload();
+    m_plugins.pop_back();
+  }
+}
