@@ -3,12 +3,15 @@
 //
 // A component derives from CComponent, says which types it takes, and handles them in OnMessage. Exactly one
 // instance lives between the host's Initialize and Uninitialize. ZX_COMPONENT_PLUGIN(Class) writes the four
-// exports.
+// exports; Class has a default constructor and kGuid, the GUID as text.
+//
+// Threads: one host thread makes the plug-in calls. OnMessage and the completions of the component's own
+// sends run on its bus dispatcher, one after the other unless the host gives it several; none after Stop
+// returned.
 #pragma once
 
 #include <cstdint>
 #include <cstring>
-#include <memory>
 #include <new>
 #include <string>
 #include <string_view>
@@ -20,58 +23,45 @@
 #include "platform/text/Guid.h"
 #include "plugin/zxplugin.h"
 
-// An unanswered message; answer it once, during OnMessage or later from any thread. Dropped unanswered, the
-// bus tells the sender so at its deadline.
+// Statuses that the components here answer with; 0 is success. A bus error (kBusErr...) is passed on as it
+// is.
+enum : uint32_t {
+  kComponentErrSender = 0xB0030001,   // this sender may not send that
+  kComponentErrText = 0xB0030002,     // a hand-off text or JSON that cannot be read
+  kComponentErrCommand = 0xB0030003,  // no such command
+  kComponentErrFailed = 0xB0030004,   // understood, but it did not work
+};
+
+// An unanswered message; answer it once, during OnMessage or later from any thread. The sender of one that is
+// dropped unanswered learns it from its time-out. The result is the bus's, 0 also when nobody waits.
 struct CBaton {
   IBusContext* pBus = nullptr;
   void* pHandle = nullptr;  // null: nobody waits
   long i64MsgType = 0;
-  void Reply(uint32_t uiStatus, std::string_view data) const {
-    if (pHandle != nullptr)
-      pBus->Reply(uiStatus, i64MsgType, data.data(), static_cast<uint32_t>(data.size()), pHandle);
-  }
+  uint32_t Reply(uint32_t uiStatus, std::string_view data) const;
 };
 
 class CComponent : private IMRReceiveComplete {
  public:
   // pszGuid: the id on the bus; pszChannel: the log channel. Both literals.
-  CComponent(const char* pszGuid, const char* pszChannel, std::vector<uint32_t> types)
-      : m_pszGuid(pszGuid), m_pszChannel(pszChannel), m_types(std::move(types)) {}
-  ~CComponent() override { LogUninit(m_hLog); }
+  CComponent(const char* pszGuid, const char* pszChannel, std::vector<uint32_t> types);
+  ~CComponent() override;
   CComponent(const CComponent&) = delete;
   CComponent& operator=(const CComponent&) = delete;
 
   const char* GuidText() const { return m_pszGuid; }
 
   // The host's calls, in their order.
-  void Initialize(std::string strHome) {
-    m_strHome = std::move(strHome);
-    m_hLog = LogInit(m_pszChannel);
-  }
+  void Initialize(std::string strHome);
   void SetBus(IBusContext* pBus) { m_pBus = pBus; }
-  int Start() {
-    if (m_pBus == nullptr)
-      return -1;
-    const GUID guid(m_pszGuid);
-    const uint32_t uiRet = m_pBus->Initialize(&guid);
-    if (uiRet != 0)
-      return LogWarnTo(m_hLog, "*component guid[%s] cannot join the bus iRet[%x]", m_pszGuid, uiRet) - 1;
-    for (const uint32_t uiType : m_types)
-      m_pBus->Receive(uiType, this);
-    return OnStart() ? 0 : -1;
-  }
-  int Stop() {
-    OnStop();
-    if (m_pBus != nullptr)
-      m_pBus->Uninitialize();  // no message and no completion comes behind this
-    return 0;
-  }
+  int Start();  // 0, or -1 (logged) with the bus left again
+  int Stop();
 
  protected:
-  // On the component's dispatcher thread; data is valid during the call.
+  // On the component's dispatcher; data is valid during the call.
   virtual void OnMessage(const GUID& sender, uint32_t uiType, std::string_view data, const CBaton& baton) = 0;
-  virtual bool OnStart() { return true; }
-  virtual void OnStop() {}
+  virtual bool OnStart() { return true; }  // on the bus already; false (log why) makes Start fail
+  virtual void OnStop() {}                 // still on the bus
 
   IBusContext* Bus() const { return m_pBus; }
   HLog Log() const { return m_hLog; }
@@ -79,17 +69,7 @@ class CComponent : private IMRReceiveComplete {
 
  private:
   void ReceiveCallback(const GUID& recvGuid, long i64MsgType, const unsigned char* pData,
-                       unsigned int uiDataLength, void* pBatonData, void* pContext) override {
-    const CBaton baton{static_cast<IBusContext*>(pContext), pBatonData, i64MsgType};
-    try {
-      OnMessage(recvGuid, static_cast<uint32_t>(i64MsgType),
-                std::string_view(reinterpret_cast<const char*>(pData), pData == nullptr ? 0 : uiDataLength),
-                baton);
-    } catch (const std::exception& e) {
-      LogErrorTo(m_hLog, "**component guid[%s] what[%s] i64MsgType[%lld]", m_pszGuid, e.what(), i64MsgType);
-      baton.Reply(kBusErrNoReply, {});
-    }
-  }
+                       unsigned int uiDataLength, void* pBatonData, void* pContext) override;
 
   const char* const m_pszGuid;
   const char* const m_pszChannel;
@@ -109,22 +89,21 @@ class CComponentPlugin {
     return new (std::nothrow)
         CPluginObj{&Initialize, &Uninitialize, &Start, &Stop, &GetStatus, &GetCtx, &SetCtx, &Info};
   }
-  static void Destroy(void* pInterface) { delete static_cast<CPluginObj*>(pInterface); }
+  static void Destroy(const char* pszName, void* pInterface) {
+    if (pszName != nullptr && std::strcmp(pszName, T::kGuid) == 0)
+      delete static_cast<CPluginObj*>(pInterface);
+  }
 
  private:
-  // As the host hands it over: a size, then borrowed texts.
-  struct CInitParam {
-    uint32_t uSize;
-    const char* pszHome;
-  };
   static int Initialize(void* pInitParam) {
-    if (pInitParam == nullptr)
+    const auto* pInit = static_cast<const CPluginInit*>(pInitParam);
+    if (pInit == nullptr || pInit->uiSize < sizeof(CPluginInit) || pInit->pszHome == nullptr)
       return -1;
-    auto* pParam = static_cast<const CInitParam*>(pInitParam);
-    s_pComponent = new (std::nothrow) T();
+    if (s_pComponent == nullptr)
+      s_pComponent = new (std::nothrow) T();
     if (s_pComponent == nullptr)
       return -1;
-    s_pComponent->Initialize(pParam->pszHome == nullptr ? "" : pParam->pszHome);
+    s_pComponent->Initialize(pInit->pszHome);
     s_iStatus = 1;
     return 0;
   }
@@ -134,13 +113,14 @@ class CComponentPlugin {
     s_iStatus = 4;
   }
   static int Start() {
-    const int iRet = s_pComponent == nullptr ? -1 : s_pComponent->Start();
+    const int iResult = s_pComponent == nullptr ? -1 : s_pComponent->Start();
     s_iStatus = 2;
-    return iRet;
+    return iResult;
   }
   static int Stop() {
+    const int iResult = s_pComponent == nullptr ? 0 : s_pComponent->Stop();
     s_iStatus = 3;
-    return s_pComponent == nullptr ? 0 : s_pComponent->Stop();
+    return iResult;
   }
   static int GetStatus() { return s_iStatus; }
   static int GetCtx(void*) { return 0; }
@@ -154,16 +134,16 @@ class CComponentPlugin {
   static inline int s_iStatus = 0;
 };
 
-#define ZX_COMPONENT_PLUGIN(Class)                           \
-  extern "C" {                                               \
-  ZX_API int InitializePlugin() {                            \
-    return 0;                                                \
-  }                                                          \
-  ZX_API void UninitializePlugin() {}                        \
-  ZX_API void* CreateObject(const char* pszName) {           \
-    return CComponentPlugin<Class>::Create(pszName);         \
-  }                                                          \
-  ZX_API void DestroyObject(const char*, void* pInterface) { \
-    CComponentPlugin<Class>::Destroy(pInterface);            \
-  }                                                          \
+#define ZX_COMPONENT_PLUGIN(Class)                                   \
+  extern "C" {                                                       \
+  ZX_API int InitializePlugin() {                                    \
+    return 0;                                                        \
+  }                                                                  \
+  ZX_API void UninitializePlugin() {}                                \
+  ZX_API void* CreateObject(const char* pszName) {                   \
+    return CComponentPlugin<Class>::Create(pszName);                 \
+  }                                                                  \
+  ZX_API void DestroyObject(const char* pszName, void* pInterface) { \
+    CComponentPlugin<Class>::Destroy(pszName, pInterface);           \
+  }                                                                  \
   }
