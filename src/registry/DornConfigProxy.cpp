@@ -33,7 +33,7 @@ CPString LoaderError() {
 }  // namespace
 
 std::shared_ptr<CConfigProxyLib> CConfigProxyLib::Load(const CPString& strFile, CPString& strError) {
-  const std::shared_ptr<CConfigProxyLib> pLib(new CConfigProxyLib);
+  std::shared_ptr<CConfigProxyLib> pLib(new CConfigProxyLib);
   pLib->m_hLib = dlopen(strFile.c_str(), RTLD_LAZY | RTLD_LOCAL);
   if (pLib->m_hLib == nullptr) {
     strError = LoaderError();

@@ -41,7 +41,7 @@ class DornConfigProxy : public testing::Test {
   }
   ~DornConfigProxy() override { CDornConfigProxy::Destroy(); }
   std::shared_ptr<CDornConfigProxy> CreateAndInit() {
-    const std::shared_ptr<CDornConfigProxy> pProxy = CDornConfigProxy::Create();
+    std::shared_ptr<CDornConfigProxy> pProxy = CDornConfigProxy::Create();
     EXPECT_EQ(pProxy->Init(m_home.Root(), m_strError), kCfgOk) << m_strError.c_str();
     return pProxy;
   }
@@ -87,6 +87,7 @@ TEST_F(DornConfigProxy, LoadsOnce_WhoeverAsksFirst) {
   EXPECT_EQ(pProxy->Init(m_home.Root(), m_strError), kCfgNotLoaded);
   fake.State().bRefuse = 0;
   std::vector<std::thread> threads;
+  threads.reserve(8);
   std::atomic<int> iOk{0};
   for (int i = 0; i < 8; ++i)
     threads.emplace_back([&] { iOk += AskPlugins(*pProxy) == kCfgOk ? 1 : 0; });
