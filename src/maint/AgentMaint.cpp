@@ -1,0 +1,249 @@
+#include "maint/AgentMaint.h"
+
+#include <dirent.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+
+#include "data/AgentHub.h"
+#include "data/AgentLog.h"
+#include "data/AgentThreads.h"
+#include "data/AgentTools.h"
+#include "platform/os/ZxFile.h"
+#include "platform/os/ZxThread.h"
+
+namespace {
+
+constexpr int kDirMode = 0755;
+constexpr int kScanSeconds = 10;
+constexpr int kStopPasses = 200;
+constexpr timespec kStopPass{0, 300000000};
+constexpr int kBeginPasses = 1000;
+constexpr timespec kBeginPass{0, 1000000};
+constexpr timespec kSecond{1, 0};
+
+// Keeps a text one word inside double quotes of the shell.
+CPString ShellQuoted(const CPString& str) {
+  CPString strQuoted;
+  for (const char ch : str.View()) {
+    if (ch == '"' || ch == '$' || ch == '`' || ch == '\\')
+      strQuoted += '\\';
+    strQuoted += ch;
+  }
+  return strQuoted;
+}
+
+CPString ErrorText(int iError) {
+  char szBuffer[128] = {};
+  return CPString(strerror_r(iError, szBuffer, sizeof(szBuffer)));
+}
+
+}  // namespace
+
+int CAgentMaint::Init(CPString strHomePath) {
+  if (strHomePath.IsEmpty()) {
+    LogWarn("*zxagent CAgentMaint::Init Error strHomePath is empty");
+    LogInfo("zxagent CAgentMaint::Init End");
+    return 0;
+  }
+  m_strPath = strHomePath;
+  const CPString strPath = m_strPath + "data/zxpmaint/";
+  m_strPolicyFilePath = strPath + "policyfile";
+  m_strPolicyProcessPath = strPath + "policyprocess";
+  m_strResultPath = strPath + "result";
+  if (CAgentTools::CreateDirectory(strPath, kDirMode) == 0)
+    LogWarn("*zxagent CAgentMaint::Init Error CreateDirectory strPath[%s] Error[%d]", strPath, errno);
+  if (CAgentTools::CreateDirectory(m_strPolicyFilePath, kDirMode) == 0)
+    LogWarn("*zxagent CAgentMaint::Init Error CreateDirectory m_strPolicyFilePath[%s] Error[%d]",
+            m_strPolicyFilePath, errno);
+  if (CAgentTools::CreateDirectory(m_strPolicyProcessPath, kDirMode) == 0)
+    LogWarn("*zxagent CAgentMaint::Init Error CreateDirectory m_strPolicyProcessPath[%s] Error[%d]",
+            m_strPolicyProcessPath, errno);
+  if (CAgentTools::CreateDirectory(m_strResultPath, kDirMode) == 0)
+    LogWarn("*zxagent CAgentMaint::Init Error CreateDirectory m_strResultPath[%s] Error[%d]", m_strResultPath,
+            errno);
+  LogInfo(
+      "zxagent CAgentMaint::Init m_strPath[%s] m_strPolicyFilePath[%s] m_strPolicyProcessPath[%s] m_strResultPath[%s]",
+      m_strPath, m_strPolicyFilePath, m_strPolicyProcessPath, m_strResultPath);
+  LogInfo("zxagent CAgentMaint::Init End");
+  return 1;
+}
+
+int CAgentMaint::ForwardMsg(unsigned long long u64DataId, const CPString& strCombo, const CPString& strID,
+                            const char* lpszMsg) {
+  if (strCombo.CompareNoCase("RunScriptNormal") == 0) {
+    LogInfo("zxagent CAgentMaint::ForwardMsg strCombo is RunScriptNormal u64DataId[%llx] strID[%s]",
+            u64DataId, strID);
+    return 0;
+  }
+  return DisposeMaintMsg(u64DataId, strCombo, strID, lpszMsg);
+}
+
+int CAgentMaint::DisposeMaintMsg(unsigned long long u64DataId, const CPString& strCommand,
+                                 const CPString& strID, const char* lpszMsg) {
+  if (lpszMsg == nullptr || lpszMsg[0] == 0)
+    return LogWarn(
+        "*zxagent CAgentMaint::DisposeMaintMsg lpszMsg is NULL u64DataId[%llx] strCommand[%s] strID[%s]",
+        u64DataId, strCommand, strID);
+  const bool bProcess = strCommand.CompareNoCase("RunScriptProcess") == 0;
+  if (!bProcess && strCommand.CompareNoCase("RunScriptFile") != 0)
+    return LogWarn("*zxagent CAgentMaint::DisposeMaintMsg unknown u64DataId[%llx] strCommand[%s] strID[%s]",
+                   u64DataId, strCommand, strID);
+
+  const CPString strFile = (bProcess ? m_strPolicyProcessPath : m_strPolicyFilePath) + "/" + strID + ".json";
+  if (!SpoolCommand(u64DataId, strCommand, strID, lpszMsg, strFile))
+    return 0;
+  StartReader();
+  LogInfo(
+      "zxagent CAgentMaint::DisposeMaintMsg OK u64DataId[%llx] strCommand[%s] strID[%s] strFile[%s] lpszMsg[%s]",
+      u64DataId, strCommand, strID, strFile, lpszMsg);
+  if (bProcess)
+    StartTool(u64DataId, strID);
+  return 1;
+}
+
+bool CAgentMaint::SpoolCommand(unsigned long long u64DataId, const CPString& strCommand,
+                               const CPString& strID, const char* lpszMsg, const CPString& strFile) {
+  errno = EINVAL;  // an id that may not become a file name
+  FILE* pFile = CAgentTools::IsFileName(strID + ".json") ? std::fopen(strFile.c_str(), "wbe") : nullptr;
+  if (pFile == nullptr) {
+    const int iError = errno;
+    LogWarn(
+        "*zxagent CAgentMaint::DisposeMaintMsg fopen error[%d][%s] u64DataId[%llx] strCommand[%s] strID[%s] strFile[%s]",
+        iError, ErrorText(iError), u64DataId, strCommand, strID, strFile);
+    return false;
+  }
+  // Unbuffered, so that a full disk shows in the write and not in the close.
+  (void)std::setvbuf(pFile, nullptr, _IONBF, 0);
+  const size_t uLength = std::strlen(lpszMsg);
+  const size_t uWritten = std::fwrite(lpszMsg, 1, uLength, pFile);
+  const int iError = errno;
+  (void)std::fclose(pFile);
+  if (uWritten != uLength) {
+    LogWarn(
+        "*zxagent CAgentMaint::DisposeMaintMsg fwrite error[%d][%s] dwLength[%d] dwWriteLength[%d] u64DataId[%llx] strCommand[%s] strID[%s] strFile[%s]",
+        iError, ErrorText(iError), static_cast<uint32_t>(uLength), static_cast<uint32_t>(uWritten), u64DataId,
+        strCommand, strID, strFile);
+    return false;
+  }
+  return true;
+}
+
+void CAgentMaint::StartReader() {
+  if (m_hThreadReadId != 0)
+    return;
+  SetStatus(0);
+  if (AgentThreads().Create(&m_hThreadReadId, &CAgentMaint::ReadResultThread, this) != 0) {
+    m_hThreadReadId = 0;
+    return;
+  }
+  // The reader sets "running" when it begins; an Uninit that overtook it would be undone.
+  for (int iPass = 0; iPass < kBeginPasses && Status() == 0; ++iPass)
+    nanosleep(&kBeginPass, nullptr);
+}
+
+void CAgentMaint::StartTool(unsigned long long u64DataId, const CPString& strID) {
+  const CPString strCmd =
+      CPString::Make("%sbin/zxpmaint \"%s.json\" &", m_strPath.c_str(), ShellQuoted(strID).c_str());
+  const int iRet = system(
+      strCmd.c_str());  // NOLINT(concurrency-mt-unsafe) the shell only starts the tool in the background
+  LogInfo("zxagent CAgentMaint::DisposeMaintMsg CreateProcess iRet[%d] u64DataId[%llx] strCmd[%s] strID[%s]",
+          iRet, u64DataId, strCmd, strID);
+}
+
+int CAgentMaint::GetPolicyFileList(const char* pszPath, CPStrList& list) {
+  if (pszPath == nullptr || pszPath[0] == 0)
+    return 0;
+  DIR* pDir = opendir(pszPath);
+  if (pDir == nullptr)
+    return 0;
+  constexpr std::string_view kSuffix = ".json";
+  // One reader per DIR stream, so readdir is safe here.
+  while (const dirent* pEntry = readdir(pDir)) {  // NOLINT(concurrency-mt-unsafe)
+    const std::string_view name = pEntry->d_name;
+    if (name.size() < kSuffix.size() || name.substr(name.size() - kSuffix.size()) != kSuffix)
+      continue;
+    if (pEntry->d_type == DT_DIR || pEntry->d_type == DT_LNK)
+      continue;
+    list.AddTail(CPString::Make("%s/%s", pszPath, pEntry->d_name));
+  }
+  closedir(pDir);
+  return 1;
+}
+
+void* CAgentMaint::ReadResultThread(void* pThis) {
+  pthread_detach(pthread_self());
+  auto* pMaint = static_cast<CAgentMaint*>(pThis);
+  if (pMaint == nullptr) {
+    LogError("**zxagent CAgentLogMsg::ReadResultThread pThis is NULL");
+    return nullptr;
+  }
+  ZxSetThreadName("zxagentmaint");
+  pMaint->SetStatus(1);
+  if (AgentHub() == nullptr) {
+    pMaint->SetStatus(2);
+    LogError("**zxagent CAgentLogMsg::ReadResultThread pAgentMagr is NULL");
+    return nullptr;
+  }
+  pMaint->ReadLoop();
+  pMaint->SetStatus(2);
+  return nullptr;
+}
+
+void CAgentMaint::ReadLoop() {
+  unsigned long long u64DataId = 0;
+  while (Status() == 1) {
+    UploadResults(u64DataId);
+    for (int i = 0; i < kScanSeconds && Status() == 1; ++i)
+      nanosleep(&kSecond, nullptr);
+  }
+}
+
+void CAgentMaint::UploadResults(unsigned long long& u64DataId) {
+  CPStrList list;
+  GetPolicyFileList(m_strResultPath.c_str(), list);
+  for (const CPString& strFullPath : list) {
+    LogInfo("zxagent CAgentMaint::ReadResultThread strFullPath[%s]", strFullPath);
+    CPString strResult;
+    if (!ZxReadFileText(strFullPath, strResult))
+      continue;  // stays, and is tried again with the next scan
+    IAgentHub* pHub = AgentHub();
+    if (pHub == nullptr)
+      return;
+    pHub->ZxcloudSendMsg(++u64DataId, "veltcwpp", "zxpmaint", 1, 2, strResult);
+    (void)remove(strFullPath.c_str());  // whatever the send returned
+  }
+}
+
+int CAgentMaint::Uninit() {
+  LogInfo("zxagent CAgentMaint::Uninit Begin");
+  {
+    const CCritLock lock(m_csStatus);
+    if (m_iReadStatus != 2)
+      m_iReadStatus = 0;
+  }
+  if (m_hThreadReadId != 0) {
+    for (int iPass = 0; iPass < kStopPasses && Status() != 2; ++iPass)
+      nanosleep(&kStopPass, nullptr);
+    if (Status() != 2) {
+      LogWarn("*zxagent CAgentMaint::Uninit Warn thread need kill work threadid[%llu]", m_hThreadReadId);
+      pthread_cancel(m_hThreadReadId);
+    }
+    m_hThreadReadId = 0;
+  }
+  LogInfo("zxagent CAgentMaint::Uninit End");
+  return 1;
+}
+
+int CAgentMaint::Status() {
+  const CCritLock lock(m_csStatus);
+  return m_iReadStatus;
+}
+
+void CAgentMaint::SetStatus(int iStatus) {
+  const CCritLock lock(m_csStatus);
+  m_iReadStatus = iStatus;
+}
