@@ -1,0 +1,217 @@
+#include "send/AgentLogMsg.h"
+
+#include <cstdio>
+#include <ctime>
+#include <memory>
+#include <new>
+
+#include "data/AgentCodes.h"
+#include "data/AgentHub.h"
+#include "data/AgentLog.h"
+#include "data/AgentThreads.h"
+#include "platform/os/ZxThread.h"
+
+namespace {
+
+enum : uint32_t { kSendRecord = 0, kWakeUp = 2 };
+constexpr uint32_t kWaitMs = 5000;
+constexpr int kStopPasses = 200;
+constexpr timespec kStopPass{0, 300000000};
+constexpr int kBeginPasses = 1000;
+constexpr timespec kBeginPass{0, 1000000};
+
+}  // namespace
+
+CAgentLogMsg::CAgentLogMsg() {
+  ZxMsgQueueInit(m_queue);
+}
+
+CAgentLogMsg::~CAgentLogMsg() {
+  Drain();
+  ZxMsgQueueFini(m_queue);
+}
+
+void CAgentLogMsg::SetBudget(size_t uMaxBytes) {
+  m_queue.uMaxBytes = uMaxBytes;
+}
+
+int CAgentLogMsg::Init(CAgentSendMsg* pSendMsg) {
+  m_pSendMsg = pSendMsg;
+  for (int i = 0; i < kWorkers; ++i) {
+    _Slot& slot = m_slots[i];
+    slot.iIndex = i;
+    slot.hThreadLogId = 0;
+    slot.pOwner = this;
+    SetStatus(slot, 0);
+    const int iThreadRet = AgentThreads().Create(&slot.hThreadLogId, &CAgentLogMsg::LogThread, &slot);
+    if (iThreadRet != 0)
+      slot.hThreadLogId = 0;
+    LogInfo("zxagent CAgentLogMsg::Init pthread_create LogThread i[%d] iThreadRet[%d] hThreadLogId[%llu]", i,
+            iThreadRet, slot.hThreadLogId);
+  }
+  WaitBegun();
+  LogInfo("zxagent CAgentLogMsg::Init OK");
+  return 1;
+}
+
+// A worker sets its own status when it begins; one that Uninit overtook would set "running" over "stop".
+void CAgentLogMsg::WaitBegun() {
+  for (int iPass = 0; iPass < kBeginPasses; ++iPass) {
+    bool bBegun = true;
+    for (const _Slot& slot : m_slots)
+      bBegun = bBegun && (slot.hThreadLogId == 0 || Status(slot) != 0);
+    if (bBegun)
+      return;
+    nanosleep(&kBeginPass, nullptr);
+  }
+}
+
+uint32_t CAgentLogMsg::InsertSendMsg(const CPString& strProduct, const CPString& strCombo, int iPriv,
+                                     int iMsgType, unsigned long long u64DataId, CPString strMsg,
+                                     uint32_t uiKind) {
+  const HLog hLog = g_hLogCache.load(std::memory_order_relaxed);
+  std::unique_ptr<_LogMsgData> pData(new (std::nothrow) _LogMsgData);
+  if (pData == nullptr) {
+    LogWarnTo(
+        hLog,
+        "*zxagent Error InsertSendMsg new Error u64DataId[%llx] iPriv[%d] iMsgType[%d] strProduct[%s] strCombo[%s] strMsg[%s]",
+        u64DataId, iPriv, iMsgType, strProduct, strCombo, strMsg);
+    return kErrNoManager;
+  }
+  pData->strProduct = strProduct;
+  pData->strCombo = strCombo;
+  pData->iPriv = iPriv;
+  pData->iMsgType = iMsgType;
+  pData->u64DataId = u64DataId;
+  pData->strMsg = std::move(strMsg);
+  pData->uiKind = uiKind;
+  const size_t uBytes = sizeof(_LogMsgData) + pData->strMsg.GetLength();
+  if (!ZxMsgQueueInsert(m_queue, kSendRecord, 0, pData.get(), uBytes)) {
+    LogWarnTo(
+        hLog,
+        "*zxagent Error InsertSendMsg insert queue Error u64DataId[%llx] iPriv[%d] iMsgType[%d] strProduct[%s] strCombo[%s] strMsg[%s]",
+        u64DataId, iPriv, iMsgType, strProduct, strCombo, pData->strMsg);
+    return kErrNoManager;
+  }
+  (void)pData.release();
+  return 0;
+}
+
+void* CAgentLogMsg::LogThread(void* pLogData) {
+  pthread_detach(pthread_self());
+  auto* pSlot = static_cast<_Slot*>(pLogData);
+  if (pSlot == nullptr) {
+    LogWarn("*zxagent CAgentLogMsg::LogThread pLogData is NULL");
+    return nullptr;
+  }
+  char szName[16] = {};
+  (void)std::snprintf(szName, sizeof(szName) - 1, "zxagentlog%02d", pSlot->iIndex + 1);
+  ZxSetThreadName(szName);
+  LogInfo("zxagent CAgentLogMsg::LogThread Begin iIndex[%d]", pSlot->iIndex);
+  CAgentLogMsg* pOwner = pSlot->pOwner;
+  if (pOwner == nullptr || pOwner->m_pSendMsg == nullptr) {
+    if (pOwner != nullptr)
+      pOwner->SetStatus(*pSlot, 2);
+    else
+      pSlot->iStatus = 2;
+    LogInfo("zxagent CAgentLogMsg::LogThread pAgentLogMsg is NULL iIndex[%d]", pSlot->iIndex);
+    return nullptr;
+  }
+  if (AgentHub() == nullptr) {
+    pOwner->SetStatus(*pSlot, 2);
+    LogError("**zxagent CAgentLogMsg::LogThread pAgentMgr is NULL iIndex[%d]", pSlot->iIndex);
+    return nullptr;
+  }
+  pOwner->SetStatus(*pSlot, 1);
+  pOwner->Run(*pSlot);
+  return nullptr;
+}
+
+void CAgentLogMsg::Run(_Slot& slot) {
+  while (Status(slot) == 1)
+    SendOne();
+  LogInfo("zxagent CAgentLogMsg::LogThread End iIndex[%d]", slot.iIndex);
+  SetStatus(slot, 2);
+}
+
+bool CAgentLogMsg::SendOne() {
+  ZxMsgRecord record;
+  if (!ZxGetMsgFromQueue(m_queue, record, kWaitMs) || record.pData == nullptr)
+    return false;
+  const std::unique_ptr<_LogMsgData> pData(static_cast<_LogMsgData*>(record.pData));
+  const uint32_t uiResult =
+      m_pSendMsg->ZxcloudSendMsg(pData->strProduct, pData->strCombo, pData->iPriv, pData->iMsgType,
+                                 pData->u64DataId, pData->strMsg, 1, 1);
+  IAgentHub* pHub = AgentHub();
+  if (pHub == nullptr)
+    return true;
+  const int iResult = static_cast<int>(uiResult);
+  if (pData->uiKind == kUploadTaskMgr)
+    pHub->SendTaskMgrResult(iResult, pData->u64DataId, pData->iPriv, pData->iMsgType, pData->strProduct,
+                            pData->strCombo);
+  else
+    pHub->SendLogCacheResult(iResult, pData->u64DataId, pData->iPriv, pData->iMsgType, pData->strProduct,
+                             pData->strCombo);
+  return true;
+}
+
+int CAgentLogMsg::Uninit() {
+  for (_Slot& slot : m_slots) {
+    const CCritLock lock(m_csSlots);
+    if (slot.iStatus != 2)
+      slot.iStatus = 0;
+  }
+  for (int i = 0; i < kWorkers; ++i)
+    ZxMsgQueueInsert(m_queue, kWakeUp, 0, nullptr);
+  WaitEnded();
+  for (_Slot& slot : m_slots) {
+    if (slot.hThreadLogId != 0 && Status(slot) != 2) {
+      LogWarn("*zxagent CAgentLogMsg::Uninit Warn thread need kill i[%d] threadid[%llu]", slot.iIndex,
+              slot.hThreadLogId);
+      pthread_cancel(slot.hThreadLogId);
+    }
+    slot.hThreadLogId = 0;
+  }
+  const size_t uDropped = Drain();
+  if (uDropped != 0)
+    LogWarn("*zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[%llu]", uDropped);
+  return 1;
+}
+
+// Slots that never had a thread count as ended.
+void CAgentLogMsg::WaitEnded() {
+  for (int iPass = 0; iPass < kStopPasses; ++iPass) {
+    bool bEnded = true;
+    for (const _Slot& slot : m_slots) {
+      if (slot.hThreadLogId != 0 && Status(slot) != 2) {
+        bEnded = false;
+        break;
+      }
+    }
+    if (bEnded)
+      return;
+    nanosleep(&kStopPass, nullptr);
+  }
+}
+
+size_t CAgentLogMsg::Drain() {
+  size_t uDropped = 0;
+  ZxMsgRecord record;
+  while (ZxGetMsgFromQueue(m_queue, record, 0)) {
+    if (record.pData == nullptr)
+      continue;
+    delete static_cast<_LogMsgData*>(record.pData);
+    ++uDropped;
+  }
+  return uDropped;
+}
+
+int CAgentLogMsg::Status(const _Slot& slot) {
+  const CCritLock lock(m_csSlots);
+  return slot.iStatus;
+}
+
+void CAgentLogMsg::SetStatus(_Slot& slot, int iStatus) {
+  const CCritLock lock(m_csSlots);
+  slot.iStatus = iStatus;
+}

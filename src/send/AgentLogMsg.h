@@ -1,0 +1,70 @@
+// Uploads what components hand over (log caches, task-manager results): one queue, 32 workers, each sending
+// blocking, so that a slow cloud never stalls the bus. Every outcome is told to the component through the
+// manager. Owned by CAgentMgr. Threads: InsertSendMsg from any thread; Init and Uninit on the host's thread.
+// The lock guards slot states only. Waiting records are bounded in bytes (SetBudget); beyond it InsertSendMsg
+// refuses.
+#pragma once
+
+#include <pthread.h>
+
+#include <cstddef>
+#include <cstdint>
+
+#include "platform/os/ThreadSafety.h"
+#include "platform/os/ZxCritSec.h"
+#include "platform/os/ZxMsgQueue.h"
+#include "platform/text/PString.h"
+#include "send/AgentSendMsg.h"
+
+enum : uint32_t { kUploadLogCache = 1, kUploadTaskMgr = 2 };  // any other kind counts as a log cache
+
+// Deleted by whoever takes it out of the queue.
+struct _LogMsgData {
+  CPString strProduct;
+  CPString strCombo;
+  int iPriv = 0;
+  int iMsgType = 0;
+  unsigned long long u64DataId = 0;
+  CPString strMsg;
+  uint32_t uiKind = 0;
+};
+
+class CAgentLogMsg {
+ public:
+  static constexpr int kWorkers = 32;
+
+  CAgentLogMsg();
+  ~CAgentLogMsg();
+  CAgentLogMsg(const CAgentLogMsg&) = delete;
+  CAgentLogMsg& operator=(const CAgentLogMsg&) = delete;
+
+  // Bytes of bodies that may wait; default kZxMsgQueueMaxBytes. Before Init.
+  void SetBudget(size_t uMaxBytes);
+  int Init(CAgentSendMsg* pSendMsg);  // borrowed; always 1
+  int Uninit();                       // always 1; at most 60 seconds, then workers are cancelled
+  // 0 or kErrNoManager (out of memory, or the queue is full: nothing is queued).
+  uint32_t InsertSendMsg(const CPString& strProduct, const CPString& strCombo, int iPriv, int iMsgType,
+                         unsigned long long u64DataId, CPString strMsg, uint32_t uiKind);
+  static void* LogThread(void* pLogData);
+
+ private:
+  struct _Slot {
+    int iIndex = 0;
+    int iStatus = 0;  // 0 not running or asked to stop, 1 running, 2 ended; guarded by the owner's lock
+    pthread_t hThreadLogId = 0;
+    CAgentLogMsg* pOwner = nullptr;
+  };
+
+  bool SendOne();  // waits for one item and sends it
+  void Run(_Slot& slot);
+  void WaitEnded();
+  void WaitBegun();
+  size_t Drain();  // records dropped
+  int Status(const _Slot& slot) TS_EXCLUDES(m_csSlots);
+  void SetStatus(_Slot& slot, int iStatus) TS_EXCLUDES(m_csSlots);
+
+  CCritSec m_csSlots;
+  ZxMsgQueue m_queue;  // of _LogMsgData; kWakeUp items carry none
+  _Slot m_slots[kWorkers];
+  CAgentSendMsg* m_pSendMsg = nullptr;
+};
