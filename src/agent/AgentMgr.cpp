@@ -11,6 +11,7 @@
 #include "data/AgentLog.h"
 #include "data/AgentThreads.h"
 #include "data/AgentTools.h"
+#include "receive/AgentReceive.h"
 
 namespace {
 
@@ -40,6 +41,7 @@ CAgentMgr* CAgentMgr::Current() {
 
 CAgentMgr* CAgentMgr::SetCurrent(CAgentMgr* pMgr) {
   SetAgentHub(pMgr);
+  SetAgentQueries(pMgr);
   return m_pThis.exchange(pMgr, std::memory_order_acq_rel);
 }
 
@@ -120,8 +122,45 @@ bool CAgentMgr::InitCompCtx() {
   const uint32_t iRet = m_pCompCtx->Initialize(&guidAgent);
   if (iRet != 0)
     LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Initialize iRet[%x]", iRet);
+  RegisterReceiver();
   LogInfo("zxagent CAgentMgr::InitCompCtx OK\n");
   return true;
+}
+
+// Registration failures never fail the start.
+void CAgentMgr::RegisterReceiver() {
+  const auto fnReceive = [this](uint32_t uiType) {
+    return m_pCompCtx->Receive(uiType, &CAgentReceive::m_AgentReceive);
+  };
+  if (const uint32_t iRet = fnReceive(AGENT_MSG_SYNC_LOGCACHE); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive AGENT_MSG_SYNC_LOGCACHE iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(AGENT_MSG_SYNC_SETCONNECT); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive AGENT_MSG_SYNC_SETCONNECT iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(AGENT_MSG_SYNC_GETCONNECT); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive AGENT_MSG_SYNC_GETCONNECT iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(AGENT_MSG_SYNC_TESTCONNECT); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive AGENT_MSG_SYNC_TESTCONNECT iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(AGENT_MSG_SYNC_GETCLIENTREADY); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive AGENT_MSG_SYNC_GETCLIENTREADY iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(KBUS_MSG_TYPE_BST_AUTH_EVENT); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive KBUS_MSG_TYPE_BST_AUTH_EVENT iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(AGENT_MSG_SYNC_GETPLUGINGUID); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive AGENT_MSG_SYNC_GETPLUGINGUID iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(AGENT_MSG_ASYNC_SENDTEMPLATE); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive AGENT_MSG_ASYNC_SENDTEMPLATE iRet[%x]", iRet);
+  if (const uint32_t iRet = fnReceive(TASKMGR_MSG_TYPE_ASYNC); iRet != 0)
+    LogWarn("*zxagent CAgentMgr::InitCompCtx Warn Receive TASKMGR_MSG_TYPE_ASYNC iRet[%x]", iRet);
+}
+
+void CAgentMgr::UnregisterReceiver() {
+  constexpr uint32_t kTypes[] = {
+      TASKMGR_MSG_TYPE_ASYNC,     AGENT_MSG_ASYNC_SENDTEMPLATE,  AGENT_MSG_SYNC_GETPLUGINGUID,
+      AGENT_MSG_SYNC_LOGCACHE,    AGENT_MSG_SYNC_SETCONNECT,     AGENT_MSG_SYNC_GETCONNECT,
+      AGENT_MSG_SYNC_TESTCONNECT, AGENT_MSG_SYNC_GETCLIENTREADY, KBUS_MSG_TYPE_BST_AUTH_EVENT};
+  if (m_pCompCtx == nullptr)
+    return;
+  for (const uint32_t uiType : kTypes)
+    m_pCompCtx->Unreceive(uiType);
 }
 
 bool CAgentMgr::Start() {
@@ -139,6 +178,10 @@ bool CAgentMgr::Start() {
   if (!InitCompCtx())
     return LogError("**zxagent CAgentMgr::Start Error InitCompCtx Error") != 0;
   m_AgentSendMsg.Init();
+  m_AgentCache.Init(m_strHomePath);
+  m_AgentLogMsg.Init(&m_AgentSendMsg);
+  m_AgentMaint.Init(m_strHomePath);
+  m_AgentAsset.Init(m_strHomePath);
   const uint32_t iRet = InitZxcloud(0);
   if (iRet != 0) {
     // The host sees a started agent; the channel stays down until somebody initialises it again.
@@ -155,7 +198,12 @@ bool CAgentMgr::Start() {
 bool CAgentMgr::Stop() {
   LogInfo("zxagent CAgentMgr::Stop Begin");
   SetWork(0);
+  UnregisterReceiver();
   LogInfo("zxagent CAgentMgr::Stop m_pCompCtx Unreceive");
+  const int bLogMsg = m_AgentLogMsg.Uninit();
+  LogInfo("zxagent CAgentMgr::Stop m_AgentLogMsg.Uninit bStatus[%d]", bLogMsg);
+  const int bMaint = m_AgentMaint.Uninit();
+  LogInfo("zxagent CAgentMgr::Stop m_AgentMaint.Uninit bStatus[%d]", bMaint);
   const int bSendMsg = m_AgentSendMsg.Uninit();
   LogInfo("zxagent CAgentMgr::Stop m_AgentSendMsg.Uninit bStatus[%d]", bSendMsg);
   const uint32_t uZxcloudInits = m_uZxcloudInits.load();

@@ -2,8 +2,9 @@
 // queue and the agent's threads. Files by concern: AgentMgr.cpp (life cycle), AgentMgrThreads.cpp (work
 // queue, work and check thread), AgentMgrChannel.cpp (cloud channel), AgentMgrCallbacks.cpp (the cloud
 // library's callbacks), AgentMgrPoll.cpp (poll thread), AgentMgrAddr.cpp (addresses set and tested from
-// outside), AgentMgrDispatch.cpp (commands), AgentMgrRouting.cpp (components), AgentMgrGuidList.cpp (the
-// routes as the task manager gets them), AgentMgrIdentity.cpp (configuration and machine id).
+// outside), AgentMgrDispatch.cpp (commands), AgentMgrHandlers.cpp (the agent's own commands),
+// AgentMgrRouting.cpp and AgentMgrGuidList.cpp (components), AgentMgrIdentity.cpp (configuration, machine
+// id).
 //
 // Threads: the host's thread calls Init, SetCtx, Start, Stop, Instance and Close. Cloud events are handled on
 // the work thread "zxagentwork", one at a time, in arrival order. Each operation says below if it runs
@@ -18,8 +19,11 @@
 #include <functional>
 
 #include "agent/AgentTrans.h"
+#include "asset/AgentAsset.h"
+#include "cache/AgentCache.h"
 #include "data/AgentData.h"
 #include "data/AgentHub.h"
+#include "maint/AgentMaint.h"
 #include "platform/bus/zxbus.h"
 #include "platform/os/ThreadSafety.h"
 #include "platform/os/ZxCritSec.h"
@@ -27,6 +31,7 @@
 #include "platform/os/ZxMsgQueue.h"
 #include "platform/os/ZxThread.h"
 #include "platform/text/PString.h"
+#include "send/AgentLogMsg.h"
 #include "send/AgentSendMsg.h"
 
 // Kinds of work records.
@@ -54,7 +59,7 @@ struct _PollState {
   int bPrint = 0;
 };
 
-class CAgentMgr final : public IAgentHub {
+class CAgentMgr final : public IAgentHub, public IAgentQueries {
  public:
   // Created on first use; null when memory is out. Not locked: the host calls it first, from one thread.
   // Threads and cloud callbacks ask Current() instead, which never creates one.
@@ -110,15 +115,15 @@ class CAgentMgr final : public IAgentHub {
   bool ZxcloudData(int iFlag, const char* lpszMsg);
   void SetLocalIp(CPString strAddr);
   bool ZxcloudLbData(CPString strLbData);
-  uint32_t SetCloudAddr(CPString strAddr);
-  uint32_t TestCloudAddr(CPString strAddr);
-  uint32_t TestLbCloudAddr(CPString strAddr);  // deliberately unsupported: -1
+  uint32_t SetCloudAddr(CPString strAddr) override;
+  uint32_t TestCloudAddr(CPString strAddr) override;
+  uint32_t TestLbCloudAddr(CPString strAddr) override;  // deliberately unsupported: -1
   // Check thread: 1 when an address of the list ("a,b,c") answers. Pauses 5 s between tries while working.
   int CheckMsgSrvAddrSet(const CPString& strAddrList);
   int ReMsgSrvAddrSet();  // check thread: 1 when the pending message-server setting was verified just now
-  CPString GetConnectData() TS_EXCLUDES(m_csConnect);
-  CPString GetClientReady() TS_EXCLUDES(m_csData);
-  CPString GetLbData() TS_EXCLUDES(m_csData);
+  CPString GetConnectData() override TS_EXCLUDES(m_csConnect);
+  CPString GetClientReady() override TS_EXCLUDES(m_csData);
+  CPString GetLbData() override TS_EXCLUDES(m_csData);
   int IsConnect() override TS_EXCLUDES(m_csConnect);
 
   // --- Callbacks of the cloud library (its threads): copy into the work queue, nothing else. 0, or -1 when
@@ -137,9 +142,26 @@ class CAgentMgr final : public IAgentHub {
   uint32_t DisposePushmsg(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
                           const char* lpszMsg);
   int SendPushMsgData(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
-                      const CPString& strID, const CPString& strCommand, const CPString& strMsg);
+                      const CPString& strID, const CPString& strCommand, const CPString& strMsg) override;
   uint32_t SendResponseMsg(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
                            const CPString& strID, int iMsgType, int bNewLine);
+
+  // --- The agent's own commands (work thread, but for DisposePolicy). A handler answers 0 or a result code;
+  // the two that dispatch answer non-zero when they took the command and acknowledged it.
+  int DisposeInnerCommand(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
+                          const CPString& strID, const CPString& strCommand, const zxtools::CPJsonParse& json,
+                          const char* lpszMsg);
+  uint32_t DisposePubMsgReport(unsigned long long u64DataId, const CPString& strID,
+                               const zxtools::CPJsonParse& json);
+  uint32_t DisposeTermConnect(unsigned long long u64DataId, const CPString& strID, const char* lpszMsg);
+  uint32_t DisposeClientReady(unsigned long long u64DataId, const CPString& strID, const char* lpszMsg);
+  uint32_t DisposeAssetCollection(unsigned long long u64DataId, const CPString& strID, const char* lpszMsg);
+  uint32_t DisposeMsgSrvAddrSet(unsigned long long u64DataId, const CPString& strID, const char* lpszMsg);
+  int DisposeMaintCommand(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
+                          const CPString& strID, const CPString& strCommand, const char* lpszMsg);
+  // A policy that the task manager passes back: queued from any thread, handled on the work thread.
+  bool DisposePolicy(const char* str) override;
+  uint32_t DisposeTaskmgrPolicy(const char* lpszMsg);
 
   // --- Components.
   uint32_t SendPushmsgToTaskMgr(unsigned long long u64DataId, const CPString& strID, const CPString& strGuid,
@@ -147,15 +169,19 @@ class CAgentMgr final : public IAgentHub {
                                 const CPString& strCommand, const CPString& strMsg);
   uint32_t RecvMsgResultsFromTaskMgr(_SendTaskMgrData* pSendData) override;
   uint32_t SendLogCacheResult(int iResult, unsigned long long u64DataId, int iPriv, int iMsgType,
-                              CPString strProduct, CPString strCombo);
+                              CPString strProduct, CPString strCombo) override;
   uint32_t SendTaskMgrResult(int iResult, unsigned long long u64DataId, int iPriv, int iMsgType,
-                             CPString strProduct, CPString strCombo);
+                             CPString strProduct, CPString strCombo) override;
+  // A component's message for the cloud (bus threads): queued for the upload workers.
+  uint32_t SendMsg(unsigned long long u64DataId, int iPriv, int iMsgType, const GUID& guid,
+                   CPString strProduct, CPString strCombo, const char* pszMsg, unsigned int uiLen,
+                   unsigned int uiKind) override;
   uint32_t ZxcloudSendMsg(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
-                          int iPriv, int iMsgType, const CPString& strMsg);
+                          int iPriv, int iMsgType, const CPString& strMsg) override;
   int ZxagentGuidData(const char* lpszData);
-  int GetTaskmgrGuidList(CPString& strJson);
+  int GetTaskmgrGuidList(CPString& strJson) override;
   int SendGuidList2Taskmgr();
-  uint32_t NotifyAuthChange();
+  uint32_t NotifyAuthChange() override;
   int SendEngineAddr();
 
   // --- Configuration and identity (host thread, during Start).
@@ -166,6 +192,11 @@ class CAgentMgr final : public IAgentHub {
   CAgentSendMsg& Sender() { return m_AgentSendMsg; }
 
  private:
+  bool DisposeOwnCommand(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
+                         const CPString& strID, const CPString& strCommand, const zxtools::CPJsonParse& json,
+                         const char* lpszMsg);
+  void RegisterReceiver();
+  void UnregisterReceiver();
   void StartThreads() TS_EXCLUDES(m_csStatus);
   int CreateWorkThread() TS_EXCLUDES(m_csStatus);
   int CreatePollMsgThread() TS_EXCLUDES(m_csStatus);
@@ -211,7 +242,11 @@ class CAgentMgr final : public IAgentHub {
 
   CAgentData m_AgentData;
   CAgentSendMsg m_AgentSendMsg;
+  CAgentCache m_AgentCache;
+  CAgentLogMsg m_AgentLogMsg;
   CAgentTrans m_AgentTrans;
+  CAgentMaint m_AgentMaint;
+  CAgentAsset m_AgentAsset;
 
   ZxMsgQueue m_queueData;
   HZxEvent m_hEventPollMsg = nullptr;

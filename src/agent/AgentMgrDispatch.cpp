@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "agent/AgentCommand.h"
 #include "agent/AgentMgr.h"
 #include "data/AgentCodes.h"
 #include "data/AgentLog.h"
@@ -15,8 +16,6 @@
 
 namespace {
 
-constexpr size_t kIdMaxBytes = 200;
-constexpr int kAckNotDone = 4;
 constexpr int kAckPriv = 2;
 constexpr int kAckMsgType = 2;
 
@@ -65,17 +64,6 @@ bool ReadPollItem(const zxtools::CPXmlParse& xml, zxtools::HXmlNode hItem, _Poll
   zxtools::CPXmlParse::GetValue(hContent, strText);
   item.pszMsg.reset(base64Decode(strText.c_str(), static_cast<int>(strText.GetLength()), 0));
   return item.pszMsg != nullptr;
-}
-
-// The lower-case member counts only when the capitalised one does not exist at all.
-CPString CommandOf(const zxtools::CPJsonParse& json) {
-  zxtools::HJsonNode hCommand = json.GetNode("Command");
-  if (hCommand == nullptr)
-    hCommand = json.GetNode("command");
-  CPString strCommand;
-  if (hCommand != nullptr)
-    zxtools::CPJsonParse::GetValue(hCommand, strCommand);
-  return strCommand;
 }
 
 }  // namespace
@@ -191,6 +179,9 @@ uint32_t CAgentMgr::DisposePushmsg(unsigned long long u64DataId, const CPString&
             "agent收到消息\nid:%s\ncommand:%s\nproduct:%s\ncombo:%s\nlpszMsg:%s\n", strID, strCommand,
             strProduct, strCombo, lpszMsg);
 
+  if (DisposeOwnCommand(u64DataId, strProduct, strCombo, strID, strCommand, json, lpszMsg))
+    return 0;
+
   CPString strMsg(lpszMsg);
   CPString strNewCommand;
   CPString strNewMsg;
@@ -204,9 +195,34 @@ uint32_t CAgentMgr::DisposePushmsg(unsigned long long u64DataId, const CPString&
         "zxagent pushmsg TransMsg OK u64DataId[%llx] strID[%s] strCommand[%s] strProduct[%s] strCombo[%s] New lpszMsg[%s]",
         u64DataId, strID, strCommand, strProduct, strCombo, strMsg);
   }
+  m_AgentCache.SavePolicyFile(u64DataId, strID, strProduct, strCombo, strCommand, strMsg.c_str(), 0);
   return SendPushMsgData(u64DataId, strProduct, strCombo, strID, strCommand, strMsg)
              ? 0
              : static_cast<uint32_t>(kErrNoRoute);
+}
+
+// The agent's own targets. A handler that does not know the command leaves it to the next target and finally
+// to the components.
+bool CAgentMgr::DisposeOwnCommand(unsigned long long u64DataId, const CPString& strProduct,
+                                  const CPString& strCombo, const CPString& strID, const CPString& strCommand,
+                                  const zxtools::CPJsonParse& json, const char* lpszMsg) {
+  if (strCommand.IsEmpty())
+    return false;
+  if (strProduct.CompareNoCase("veltExtHost") == 0 && strCombo.CompareNoCase("PluginMgr") == 0 &&
+      DisposeInnerCommand(u64DataId, strProduct, strCombo, strID, strCommand, json, lpszMsg)) {
+    LogInfo(
+        "zxagent pushmsg InnerCommand OK u64DataId[%llx] strID[%s] strCommand[%s] strProduct[%s] strCombo[%s] lpszMsg[%s]\n",
+        u64DataId, strID, strCommand, strProduct, strCombo, lpszMsg);
+    return true;
+  }
+  if (strProduct.CompareNoCase("veltcwpp") == 0 && strCombo.CompareNoCase("zxpmaint") == 0 &&
+      DisposeMaintCommand(u64DataId, strProduct, strCombo, strID, strCommand, lpszMsg)) {
+    LogInfo(
+        "zxagent pushmsg MaintCommand OK u64DataId[%llx] strID[%s] strCommand[%s] strProduct[%s] strCombo[%s] lpszMsg[%s]\n",
+        u64DataId, strID, strCommand, strProduct, strCombo, lpszMsg);
+    return true;
+  }
+  return false;
 }
 
 int CAgentMgr::SendPushMsgData(unsigned long long u64DataId, const CPString& strProduct,

@@ -4,14 +4,13 @@
 #include <memory>
 #include <new>
 
+#include "agent/AgentCommand.h"
 #include "agent/AgentMgr.h"
 #include "data/AgentCodes.h"
 #include "data/AgentLog.h"
 #include "send/AgentCallback.h"
 
 namespace {
-
-constexpr int kAckDoneByComponent = 3;
 
 // Outcome of a log-cache upload; little-endian, as every machine of the bus.
 struct [[gnu::packed]] _LogCacheResult {
@@ -106,6 +105,8 @@ uint32_t CAgentMgr::RecvMsgResultsFromTaskMgr(_SendTaskMgrData* pSendData) {
         static_cast<uint32_t>(data.iResult),
         "*zxagent pushmsg callback Error RecvMsgResultsFromTaskMgr u64DataId[%llx] iResult[%x] ui64ACT[%llx] strID[%s] strProduct[%s] strCombo[%s]",
         data.u64DataId, data.iResult, data.ui64ACT, data.strID, data.strProduct, data.strCombo);
+  m_AgentCache.UpdatePolicyCache(data.u64DataId, data.strID, data.strProduct, data.strCombo, data.strCommand,
+                                 1);
   const uint32_t uiRet =
       SendResponseMsg(data.u64DataId, data.strProduct, data.strCombo, data.strID, kAckDoneByComponent, 0);
   if (uiRet != 0) {
@@ -117,6 +118,25 @@ uint32_t CAgentMgr::RecvMsgResultsFromTaskMgr(_SendTaskMgrData* pSendData) {
   LogInfo("zxagent pushmsg callback OK u64DataId[%llx] ui64ACT[%llx] strID[%s] strProduct[%s] strCombo[%s]\n",
           data.u64DataId, data.ui64ACT, data.strID, data.strProduct, data.strCombo);
   return 0;
+}
+
+uint32_t CAgentMgr::SendMsg(unsigned long long u64DataId, int iPriv, int iMsgType, const GUID& guid,
+                            CPString strProduct, CPString strCombo, const char* pszMsg, unsigned int uiLen,
+                            unsigned int uiKind) {
+  if (strProduct.IsEmpty() || strCombo.IsEmpty()) {
+    if (!m_AgentData.GetProductComboByGuid(guid, strProduct, strCombo))
+      return LogFail(kErrUnknownGuid,
+                     "*zxagent CAgentMgr::SendMsg Error GetProductComboByGuid u64DataId[%llx] strGuid[%s]",
+                     u64DataId, guid.ToUpper());
+    if (strProduct.IsEmpty() || strCombo.IsEmpty())
+      return LogFail(
+          kErrEmptyCombo,
+          "*zxagent CAgentMgr::SendMsg Error empty u64DataId[%llx] strGuid[%s] strProduct[%s] strCombo[%s]",
+          u64DataId, guid.ToUpper(), strProduct, strCombo);
+  }
+  m_AgentData.TransProductCombo(strProduct, strCombo);
+  return m_AgentLogMsg.InsertSendMsg(strProduct, strCombo, iPriv, iMsgType, u64DataId,
+                                     CPString(pszMsg, uiLen), uiKind);
 }
 
 uint32_t CAgentMgr::SendLogCacheResult(int iResult, unsigned long long u64DataId, int iPriv, int iMsgType,

@@ -274,6 +274,9 @@ void CAgentMgr::DispatchWork(const ZxMsgRecord& record) {
     case kWorkEngineAddr:
       SendEngineAddr();
       break;
+    case kWorkPolicy:
+      DisposeTaskmgrPolicy(pszData);
+      break;
     default:  // a wake-up, or a kind of another version
       break;
   }
