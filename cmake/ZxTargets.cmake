@@ -1,3 +1,8 @@
+# Everything of the agent but its plug-in frame: what libzxagent.so and tests of the whole manager link.
+set(ZX_AGENT_CORE
+  agent_mgr agent_asset agent_cache agent_maint agent_receive agent_send agent_data agent_registry agent_system
+  agent_base)
+
 # One OBJECT library per folder: members that nobody calls yet (dormant threads, operations for other
 # modules) stay in the library, which an archive would drop.
 #   zx_objects(agent_data SOURCES a.cpp b.cpp LIBS zxplatform)

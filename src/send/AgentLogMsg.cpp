@@ -1,6 +1,5 @@
 #include "send/AgentLogMsg.h"
 
-#include <cstdio>
 #include <ctime>
 #include <memory>
 #include <new>
@@ -39,6 +38,8 @@ int CAgentLogMsg::Init(CAgentSendMsg* pSendMsg) {
   m_pSendMsg = pSendMsg;
   for (int i = 0; i < kWorkers; ++i) {
     _Slot& slot = m_slots[i];
+    if (slot.hThreadLogId != 0)
+      continue;  // a host that starts twice keeps the workers it has
     slot.iIndex = i;
     slot.hThreadLogId = 0;
     slot.pOwner = this;
@@ -104,9 +105,7 @@ void* CAgentLogMsg::LogThread(void* pLogData) {
     LogWarn("*zxagent CAgentLogMsg::LogThread pLogData is NULL");
     return nullptr;
   }
-  char szName[16] = {};
-  (void)std::snprintf(szName, sizeof(szName) - 1, "zxagentlog%02d", pSlot->iIndex + 1);
-  ZxSetThreadName(szName);
+  ZxSetThreadName(CPString::Make("zxagentlog%02d", pSlot->iIndex + 1).c_str());
   LogInfo("zxagent CAgentLogMsg::LogThread Begin iIndex[%d]", pSlot->iIndex);
   CAgentLogMsg* pOwner = pSlot->pOwner;
   if (pOwner == nullptr || pOwner->m_pSendMsg == nullptr) {

@@ -11,6 +11,10 @@ using ::testing::StartsWith;
 
 namespace {
 
+constexpr uint32_t kUploadThreads = CAgentLogMsg::kWorkers;
+constexpr uint32_t kAllThreads = kUploadThreads + 2;  // with the work and the poll thread
+
+
 std::vector<std::string> ThreadNames() {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {
@@ -136,7 +140,7 @@ TEST_F(AgentMgrLifecycle, Start_IsTrueWithoutThreads_WhenTheCloudDoesNotInitiali
     m_cloud.SetResult(eCall, 0xC0010003);
     Prepare();
     EXPECT_TRUE(m_mgr.Start());
-    EXPECT_EQ(AgentThreads().Running(), 0u);
+    EXPECT_EQ(AgentThreads().Running(), kUploadThreads);
     EXPECT_TRUE(m_mgr.Stop());
     EXPECT_THAT(m_pauses.All(), IsEmpty());
     EXPECT_EQ(m_bus.Count(EBusCall::AsynSendEx), 0u);
@@ -149,7 +153,7 @@ TEST_F(AgentMgrLifecycle, Start_KeepsTheThreadsItHas_WhenCalledTwice) {
   Prepare();
   EXPECT_TRUE(m_mgr.Start());
   EXPECT_TRUE(m_mgr.Start());
-  EXPECT_EQ(AgentThreads().Running(), 2u);
+  EXPECT_EQ(AgentThreads().Running(), kAllThreads);
   EXPECT_EQ(m_cloud.Count(ECloudCall::Init), 1u);
   EXPECT_TRUE(m_mgr.Stop());
   EXPECT_TRUE(AgentThreads().Wait(kTestDeadlineMs));
@@ -161,7 +165,7 @@ TEST_F(AgentMgrLifecycle, Start_TriesAgain_AfterACloudThatFailed) {
   EXPECT_TRUE(m_mgr.Start());
   m_cloud.SetResult(ECloudCall::Init, 0);
   EXPECT_TRUE(m_mgr.Start());
-  EXPECT_EQ(AgentThreads().Running(), 2u);
+  EXPECT_EQ(AgentThreads().Running(), kAllThreads);
 }
 
 // --- Stop.
@@ -222,7 +226,7 @@ TEST_F(AgentMgrLifecycle, Stop_IsHarmless_BeforeStart) {
   EXPECT_TRUE(m_mgr.Stop());
   EXPECT_EQ(m_log.Capture().Count("zxagent CAgentMgr::Stop work pollmsg thread iCount[0]"), 2u);
   EXPECT_TRUE(m_mgr.Start());
-  EXPECT_EQ(AgentThreads().Running(), 2u);
+  EXPECT_EQ(AgentThreads().Running(), kAllThreads);
 }
 
 TEST_F(AgentMgrLifecycle, Stop_IsHarmless_WhenCalledTwice) {
@@ -236,7 +240,7 @@ TEST_F(AgentMgrLifecycle, Start_WorksAgain_AfterStop) {
   Prepare();
   for (size_t i = 1; i <= 3; ++i) {
     EXPECT_TRUE(m_mgr.Start());
-    EXPECT_EQ(AgentThreads().Running(), 2u);
+    EXPECT_EQ(AgentThreads().Running(), kAllThreads);
     ASSERT_TRUE(m_bus.WaitCount(EBusCall::AsynSendEx, i));
     EXPECT_EQ(m_cloud.FireConnect("10.0.0.9", 443), 0);
     ASSERT_TRUE(m_bus.WaitCount(EBusCall::BroadcastSend, i));
@@ -298,7 +302,7 @@ TEST_F(AgentMgrLifecycle, TwoLifeCycles_RunInOneProcess) {
     pMgr->Init(m_home.Root());
     pMgr->SetCtx(static_cast<IBusContext*>(&m_bus));
     EXPECT_TRUE(pMgr->Start());
-    EXPECT_EQ(AgentThreads().Running(), 2u);
+    EXPECT_EQ(AgentThreads().Running(), kAllThreads);
     EXPECT_TRUE(pMgr->Stop());
     CAgentMgr::Close();
     EXPECT_EQ(AgentThreads().Running(), 0u);
