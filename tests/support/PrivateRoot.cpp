@@ -14,10 +14,11 @@
 namespace {
 
 // What name lookups, clocks and certificates of a test process read.
-constexpr const char* kKept[] = {"os-release", "passwd",  "group",       "hosts",      "nsswitch.conf",
-                                 "localtime", "resolv.conf", "machine-id", "ld.so.cache",
-                                 "services",   "timezone"};
+constexpr const char* kKept[] = {"os-release",    "passwd",    "group",       "hosts",
+                                 "nsswitch.conf", "localtime", "resolv.conf", "machine-id",
+                                 "ld.so.cache",   "services",  "timezone"};
 constexpr char kLegacy[] = "/var/zxcwpp";
+bool s_bPrivate = false;
 
 bool WriteText(const char* pszFile, const std::string& strText) {
   std::ofstream file(pszFile);
@@ -55,10 +56,16 @@ bool PrivateEtc() {
 
 }  // namespace
 
+void ClearPrivateMid() {
+  if (s_bPrivate)
+    (void)std::remove("/etc/.mid");
+}
+
 bool EnterPrivateRoot() {
   if (!EnterNamespace() || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0)
     return false;
   if (access(kLegacy, F_OK) == 0 && mount("none", kLegacy, "tmpfs", MS_NOSUID | MS_NODEV, "size=1m") != 0)
     return false;
-  return PrivateEtc();
+  s_bPrivate = PrivateEtc();
+  return s_bPrivate;
 }

@@ -1,4 +1,5 @@
-// main of test programs that load the real agent: its fixed places outside the home are private to the process.
+// main of test programs that load the real agent: its fixed places outside the home are private to the
+// process.
 #include <gmock/gmock.h>
 #include <unistd.h>
 

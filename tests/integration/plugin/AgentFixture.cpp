@@ -5,6 +5,7 @@
 #include <filesystem>
 
 #include "platform/doc/Base64.h"
+#include "support/PrivateRoot.h"
 
 namespace fs = std::filesystem;
 
@@ -22,6 +23,7 @@ constexpr char kComponent[] = R"({"plugins":[{"id":"5A3B7C1E-2D4F-4A6B-8C9D-0E1F
 }  // namespace
 
 CAgentFixture::CAgentFixture() {
+  ClearPrivateMid();
   CFakeCloud::Get().Reset();
   CFakeMid::Instance().Reset();
   const fs::path home(m_home.Root().c_str());
