@@ -11,15 +11,9 @@ using ::testing::StartsWith;
 
 namespace {
 
-class CThrowingHub final : public IAgentHub {
+class CThrowingHub final : public CFakeHub {
  public:
-  CThrowingHub() : m_pPrevious(SetAgentHub(this)) {}
-  ~CThrowingHub() { SetAgentHub(m_pPrevious); }
   uint32_t RecvMsgResultsFromTaskMgr(_SendTaskMgrData*) override { throw std::bad_alloc(); }
-  int IsConnect() override { return 0; }
-
- private:
-  IAgentHub* m_pPrevious;
 };
 
 }  // namespace
