@@ -14,6 +14,10 @@
 
 namespace {
 
+// The loop ends a stop that takes too long, with a reason in the log. Should a full log on a dead disk hold
+// the loop itself, the alarm does it this much later, without one.
+constexpr uint32_t kAlarmGraceSec = 2;
+
 sigset_t HostSignals() {
   sigset_t set;
   sigemptyset(&set);
@@ -81,6 +85,7 @@ void CHost::BeginStop(const char* pszWhy) {
     return;
   m_bStopping = true;
   m_u64StopDeadlineMs = ZxGetTickCount() + m_config.uiStopTimeoutSec * 1000u;
+  ArmAlarm(m_config.uiStopTimeoutSec + kAlarmGraceSec);
   LogInfoTo(g_hHostLog, "zxhost stopping why[%s] stop_timeout_sec[%u]", pszWhy, m_config.uiStopTimeoutSec);
   NotifyStopping();
   m_driver.RequestStop();

@@ -31,14 +31,17 @@ void OpenHostLog(const CPString& strHome, bool bEcho) {
     LogSetSink(&g_echo);
 }
 
-void ExitNow(int iCode) {
-  // Should the disk hang, the alarm ends the process in the middle of the flush.
+void ArmAlarm(unsigned uSeconds) {
   signal(SIGALRM, SIG_DFL);
   sigset_t set;
   sigemptyset(&set);
   sigaddset(&set, SIGALRM);
   pthread_sigmask(SIG_UNBLOCK, &set, nullptr);
-  alarm(kFlushSeconds);
+  alarm(uSeconds);
+}
+
+void ExitNow(int iCode) {
+  ArmAlarm(kFlushSeconds);  // should the disk hang, the process ends in the middle of the flush
   CLogDebug::Instance().SetChannel(nullptr);
   LogUninit(g_hHostLog);
   _exit(iCode);

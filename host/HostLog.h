@@ -11,3 +11,5 @@ void OpenHostLog(const CPString& strHome, bool bEcho);
 // Ends the process at once with what was logged so far on disk, or without it when that takes too long. For
 // the cases in which some thread may never come back.
 [[noreturn]] void ExitNow(int iCode);
+// SIGALRM kills the process in so many seconds, whatever its threads wait for. A later call replaces it.
+void ArmAlarm(unsigned uSeconds);

@@ -1,5 +1,7 @@
-// What the service manager is told (sd_notify), and what it asks for. Everything here does nothing when the
-// host was not started by one.
+// What the service manager is told (the sd_notify protocol: one datagram per message), and what it asks for.
+// Everything here does nothing when the host was not started by one. Never blocks: the thread that calls this
+// also keeps the stop deadline, and sd_notify itself waits for a manager that does not read.
+// Main thread only.
 #pragma once
 
 #include <cstddef>
