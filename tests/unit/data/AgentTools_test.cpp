@@ -121,18 +121,14 @@ TEST_F(AgentTools, RefusedText_GivesSize_WhenTextIsLong) {
   EXPECT_EQ(CAgentTools::RefusedText(strShort + "x"), "(4097 bytes)");
 }
 
-class CHub final : public IAgentHub {
- public:
-  uint32_t RecvMsgResultsFromTaskMgr(_SendTaskMgrData*) override { return 0; }
-  int IsConnect() override { return 1; }
-};
-
 TEST(AgentHub, Accessor_IsNullOutsideOfManagerLife) {
   EXPECT_EQ(AgentHub(), nullptr);
-  CHub hub;
-  EXPECT_EQ(SetAgentHub(&hub), nullptr);
-  EXPECT_EQ(AgentHub(), &hub);
-  EXPECT_EQ(SetAgentHub(nullptr), &hub);
+  {
+    CFakeHub hub;
+    EXPECT_EQ(AgentHub(), &hub);
+    EXPECT_EQ(SetAgentHub(nullptr), &hub);
+    EXPECT_EQ(AgentHub(), nullptr);
+  }
   EXPECT_EQ(AgentHub(), nullptr);
 }
 
