@@ -10,6 +10,7 @@
 
 #include "DataFixture.h"
 #include "data/AgentHub.h"
+#include "support/FakeHub.h"
 
 namespace {
 
