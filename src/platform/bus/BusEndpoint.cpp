@@ -1,15 +1,29 @@
 #include "platform/bus/BusEndpoint.h"
 
+#include <sys/random.h>
+
 #include <exception>
 #include <utility>
 
 #include "platform/bus/BusClock.h"
 #include "platform/bus/BusRouter.h"
+#include "platform/os/ZxTime.h"
 
 namespace {
 
 // Also the part that makes baton handles unique, so it never repeats in a process.
-std::atomic<unsigned long long> g_ui64LastACT{0};
+// Starts at a random place, so that a handle derived from a token cannot be told from outside.
+unsigned long long FirstToken() {
+  unsigned long long ui64Random = 0;
+  if (getrandom(&ui64Random, sizeof(ui64Random), GRND_NONBLOCK) != sizeof(ui64Random))
+    ui64Random = ZxGetTickCount() << 24;
+  return ui64Random >> 24;  // 40 bits, so that a handle, which is the token shifted by 20, keeps all of them
+}
+
+unsigned long long NextToken() {
+  static std::atomic<unsigned long long> s_ui64LastACT{FirstToken()};
+  return s_ui64LastACT.fetch_add(1, std::memory_order_relaxed) + 1;
+}
 
 }  // namespace
 
@@ -131,7 +145,7 @@ uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pTarget, uint32_t uiTy
   auto pMessage = std::make_unique<CBusMessage>();
   pMessage->uiType = uiType;
   pMessage->uiLength = uiLength;
-  const unsigned long long ui64ACT = g_ui64LastACT.fetch_add(1, std::memory_order_relaxed) + 1;
+  const unsigned long long ui64ACT = NextToken();
   if (pui64ACT != nullptr)
     *pui64ACT = ui64ACT;
 
