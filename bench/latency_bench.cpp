@@ -2,7 +2,7 @@
 // round trip (publisher -> broker -> bare subscriber) in the same run, rounds interleaved. bench/run starts
 // the servers and the host with bench_handoff in the task manager's place.
 //
-// usage: bench_latency HOST PORT CAFILE MID BUSINESS_NUMBER SOCKET [ROUNDS [MESSAGES]]
+// usage: bench_latency HOST PORT CAFILE CERT KEY MID BUSINESS_NUMBER SOCKET [ROUNDS [MESSAGES]]
 #include <mosquitto.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -24,6 +24,9 @@
 
 namespace {
 
+// The bare subscriber stands where an agent would, under the client id "bench", so the broker's rules let it.
+constexpr char kFloorTopic[] = "zx/v1/bench/push/1";
+
 uint64_t NowNs() {
   timespec ts{};
   clock_gettime(CLOCK_MONOTONIC, &ts);
@@ -43,9 +46,8 @@ void Check(int iRc, const char* pszWhat) {
 // A client with libmosquitto's own thread; the subscriber notes when each message arrives.
 class CClient {
  public:
-  CClient(const char* pszId, const char* pszHost, int iPort, const char* pszCa)
-      : m_pMosq(mosquitto_new(pszId, true, this)) {
-    Check(mosquitto_tls_set(m_pMosq, pszCa, nullptr, nullptr, nullptr, nullptr), "tls");
+  CClient(const char* pszId, char** argv) : m_pMosq(mosquitto_new(pszId, true, this)) {
+    Check(mosquitto_tls_set(m_pMosq, argv[3], nullptr, argv[4], argv[5], nullptr), "tls");
     Check(mosquitto_int_option(m_pMosq, MOSQ_OPT_TCP_NODELAY, 1), "nodelay");
     mosquitto_subscribe_callback_set(
         m_pMosq, [](mosquitto*, void* p, int, int, const int*) { static_cast<CClient*>(p)->Signal(0); });
@@ -57,7 +59,7 @@ class CClient {
     mosquitto_message_callback_set(m_pMosq, [](mosquitto*, void* p, const mosquitto_message*) {
       static_cast<CClient*>(p)->Signal(NowNs());
     });
-    Check(mosquitto_connect(m_pMosq, pszHost, iPort, 60), "connect");
+    Check(mosquitto_connect(m_pMosq, argv[1], std::atoi(argv[2]), 60), "connect");
     Check(mosquitto_loop_start(m_pMosq), "loop");
     Wait();
   }
@@ -135,16 +137,16 @@ double Percentile(std::vector<uint64_t> values, double dRank) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc < 7)
-    Die("usage", "bench_latency HOST PORT CAFILE MID BUSINESS_NUMBER SOCKET [ROUNDS [MESSAGES]]");
-  const int iRounds = argc > 7 ? std::atoi(argv[7]) : 5;
-  const int iMessages = argc > 8 ? std::atoi(argv[8]) : 200;
-  const int iSocket = BindSocket(argv[6]);
+  if (argc < 9)
+    Die("usage", "bench_latency HOST PORT CAFILE CERT KEY MID BUSINESS_NUMBER SOCKET [ROUNDS [MESSAGES]]");
+  const int iRounds = argc > 9 ? std::atoi(argv[9]) : 5;
+  const int iMessages = argc > 10 ? std::atoi(argv[10]) : 200;
+  const int iSocket = BindSocket(argv[8]);
   mosquitto_lib_init();
-  CClient subscriber("bench-sub", argv[1], std::atoi(argv[2]), argv[3]);
-  CClient publisher("bench-pub", argv[1], std::atoi(argv[2]), argv[3]);
-  subscriber.Subscribe("zx/bench/floor");
-  const std::string strPush = std::string("zx/v1/") + argv[4] + "/push/" + argv[5];
+  CClient subscriber("bench", argv);
+  CClient publisher("bench-pub", argv);
+  subscriber.Subscribe(kFloorTopic);
+  const std::string strPush = std::string("zx/v1/") + argv[6] + "/push/" + argv[7];
 
   std::vector<uint64_t> floor;
   std::vector<uint64_t> agent;
@@ -156,7 +158,7 @@ int main(int argc, char** argv) {
                                   R"(","Command":"disk_usage","Param":{"path":"/"},"pad":")" +
                                   std::string(160, 'x') + "\"}";
       uint64_t u64Start = NowNs();
-      publisher.Publish("zx/bench/floor", strBody);
+      publisher.Publish(kFloorTopic, strBody);
       floor.push_back(subscriber.Wait() - u64Start);
       u64Start = NowNs();
       publisher.Publish(strPush, strBody);
