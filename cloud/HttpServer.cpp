@@ -1,13 +1,15 @@
 #include "HttpServer.h"
 
-#include <httplib.h>
 #include <openssl/ssl.h>
 #include <openssl/x509.h>
+#include <sys/eventfd.h>
 #include <sys/socket.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <thread>
 
+#include "HttpStream.h"
 #include "platform/os/ZxThread.h"
 
 namespace zxcloudd {
@@ -69,13 +71,59 @@ _HttpRequest MakeRequest(const httplib::Request& req) {
   return request;
 }
 
+// Set by a handler that answers without having read the body: what follows on the connection is no request.
+// The library runs a connection's handlers on the thread that serves the connection.
+thread_local bool t_bCloseConnection = false;
+
+struct _FreeTls {
+  void operator()(SSL_CTX* pCtx) const { SSL_CTX_free(pCtx); }
+};
+
+// The library's server over our own stream.
+class CListener : public httplib::Server {
+ public:
+  std::unique_ptr<SSL_CTX, _FreeTls> m_pCtx;  // null: plain HTTP
+  int m_iStopFd = -1;
+  int m_iIdleSec = 5;
+  _StreamLimits m_limits;
+
+ private:
+  bool process_and_close_socket(socket_t sock) override {
+    bool bDone = false;
+    {
+      CHttpStream stream(sock, m_pCtx.get(), m_iStopFd, m_limits);
+      if (m_pCtx == nullptr || stream.Ssl() != nullptr)
+        bDone = Serve(stream);
+    }
+    shutdown(sock, SHUT_RDWR);
+    close(sock);
+    return bDone;
+  }
+
+  bool Serve(CHttpStream& stream) {
+    bool bDone = stream.Handshake();
+    for (bool bClosed = false; bDone && !bClosed; bClosed = bClosed || t_bCloseConnection) {
+      if (!stream.WaitRequest(static_cast<uint64_t>(m_iIdleSec) * 1000))
+        return true;
+      t_bCloseConnection = false;
+      bDone = process_request(stream, false, bClosed, [&](httplib::Request& req) { req.ssl = stream.Ssl(); });
+    }
+    return bDone;
+  }
+};
+
 }  // namespace
 
 struct CHttpServer::Impl {
-  std::unique_ptr<httplib::Server> pServer;
+  CListener listener;
   std::thread thread;
   _HttpOptions options;
   THandler handler;
+
+  ~Impl() {
+    if (listener.m_iStopFd >= 0)
+      close(listener.m_iStopFd);
+  }
 
   // Answers here, without reading a body, whatever no handler should see.
   bool Refuse(const httplib::Request& req, httplib::Response& res) const {
@@ -89,7 +137,14 @@ struct CHttpServer::Impl {
       SendError(415, "neither compressed nor multipart bodies", res);
     else
       return false;
+    if (!bGet)
+      CloseAfter(res);
     return true;
+  }
+
+  static void CloseAfter(httplib::Response& res) {
+    t_bCloseConnection = true;
+    res.set_header("Connection", "close");
   }
 
   void Get(const httplib::Request& req, httplib::Response& res) const {
@@ -105,6 +160,8 @@ struct CHttpServer::Impl {
         request.strBody.append(pData, uLength);
       return !bTooLarge;
     });
+    if (bTooLarge || !bRead)
+      CloseAfter(res);
     if (bTooLarge || res.status == 413)
       return SendError(413, "the body is too large", res);
     if (!bRead)
@@ -113,7 +170,10 @@ struct CHttpServer::Impl {
   }
 
   void Configure() {
-    httplib::Server& server = *pServer;
+    CListener& server = listener;
+    server.m_iIdleSec = options.iIdleSec;
+    // Chunks may be as small as one byte of content in six.
+    server.m_limits.uBodyBytes = options.uMaxBodyBytes * 6 + 1024;
     server.new_task_queue = [n = options.iThreads] {
       return new httplib::ThreadPool(static_cast<size_t>(n));
     };
@@ -123,10 +183,6 @@ struct CHttpServer::Impl {
       setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &iYes, sizeof(iYes));
     });
     server.set_tcp_nodelay(true);
-    server.set_keep_alive_timeout(options.iIdleSec);
-    server.set_keep_alive_max_count(100000);
-    server.set_read_timeout(10);
-    server.set_write_timeout(10);
     server.set_payload_max_length(options.uMaxBodyBytes);
     server.set_pre_routing_handler([this](const httplib::Request& req, httplib::Response& res) {
       if (Refuse(req, res))
@@ -156,15 +212,17 @@ bool CHttpServer::Start(const _HttpOptions& options, THandler handler, std::stri
   m_pImpl = std::make_unique<Impl>();
   m_pImpl->options = options;
   m_pImpl->handler = std::move(handler);
-  if (options.strCertFile.empty()) {
-    m_pImpl->pServer = std::make_unique<httplib::Server>();
-  } else {
-    m_pImpl->pServer =
-        std::make_unique<httplib::SSLServer>([&options](SSL_CTX& ctx) { return SetupTls(ctx, options); });
-  }
-  httplib::Server& server = *m_pImpl->pServer;
-  if (!server.is_valid()) {
+  CListener& server = m_pImpl->listener;
+  server.m_iStopFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  if (!options.strCertFile.empty())
+    server.m_pCtx.reset(SSL_CTX_new(TLS_server_method()));
+  if (server.m_pCtx != nullptr && !SetupTls(*server.m_pCtx, options)) {
     strError = "certificate, key or client CA cannot be used: " + options.strCertFile;
+    m_pImpl.reset();
+    return false;
+  }
+  if (server.m_iStopFd < 0 || (!options.strCertFile.empty() && server.m_pCtx == nullptr)) {
+    strError = "out of resources for " + AddressText(options.listen);
     m_pImpl.reset();
     return false;
   }
@@ -189,7 +247,10 @@ bool CHttpServer::Start(const _HttpOptions& options, THandler handler, std::stri
 void CHttpServer::Stop() {
   if (m_pImpl == nullptr)
     return;
-  m_pImpl->pServer->stop();
+  const uint64_t u64One = 1;
+  if (write(m_pImpl->listener.m_iStopFd, &u64One, sizeof(u64One)) < 0)
+    return;  // cannot happen: nobody else writes to it
+  m_pImpl->listener.stop();
   m_pImpl->thread.join();
   m_pImpl.reset();
   m_iPort = 0;

@@ -2,7 +2,8 @@
 //
 // What is bounded before the handler sees it: paths and methods that the handler does not know are refused
 // without reading the body; a body above the limit ends the request with 413; compressed and multipart
-// bodies are refused (415), because their size is only known after unpacking.
+// bodies are refused (415), because their size is only known after unpacking; head, time and idle connections
+// are bounded by the stream (HttpStream.h).
 // Threads: the handler runs on the listener's pool. Start and Stop from one thread.
 #pragma once
 
@@ -44,7 +45,7 @@ class CHttpServer {
 
   // Listens and serves. On failure strError says why.
   bool Start(const _HttpOptions& options, THandler handler, std::string& strError);
-  // Refuses new connections, waits for requests in progress and for kept connections to go idle.
+  // Refuses new connections, ends kept ones, waits for requests that a handler has.
   void Stop();
   int Port() const { return m_iPort; }
 

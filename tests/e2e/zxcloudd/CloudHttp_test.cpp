@@ -1,6 +1,14 @@
 // What the listeners refuse, and the command line tool against a real cloud.
+#include <arpa/inet.h>
 #include <curl/curl.h>
+#include <netinet/in.h>
 #include <signal.h>
+#include <sys/socket.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
 
 #include "CloudRig.h"
 #include "gmock/gmock.h"
@@ -72,6 +80,87 @@ TEST_F(CCloudHttp, Operators_NeedTheToken) {
   EXPECT_EQ(Op("/op/v1/status").iStatus, 200);
   EXPECT_EQ(Op("/op/v1/push", "{}").iStatus, 400);
   EXPECT_EQ(Op("/v1/health").iStatus, 404);
+}
+
+// A connection of our own to the operator listener, which is plain.
+class CRawClient {
+ public:
+  explicit CRawClient(const std::string& strUrl) : m_iSocket(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(std::stoi(strUrl.substr(strUrl.rfind(':') + 1))));
+    EXPECT_EQ(connect(m_iSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
+    const timeval timeout{10, 0};
+    setsockopt(m_iSocket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
+  }
+  ~CRawClient() { close(m_iSocket); }
+  CRawClient(const CRawClient&) = delete;
+  CRawClient& operator=(const CRawClient&) = delete;
+
+  bool Send(const std::string& str) {
+    return send(m_iSocket, str.data(), str.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(str.size());
+  }
+  // Until the server closes; false when it does not within the time-out.
+  bool ReadAll(std::string& str) {
+    char buffer[4096];
+    ssize_t iGot = 0;
+    while ((iGot = recv(m_iSocket, buffer, sizeof(buffer), 0)) > 0)
+      str.append(buffer, static_cast<size_t>(iGot));
+    return iGot == 0 || errno == ECONNRESET;
+  }
+
+ private:
+  int m_iSocket;
+};
+
+TEST_F(CCloudHttp, EndlessHead_IsCutOff) {
+  StartCloud();
+  CRawClient client(m_strOpUrl);
+  const std::string strLine = "X-A: " + std::string(4000, 'x') + "\r\n";
+  ASSERT_TRUE(client.Send("GET /op/v1/status HTTP/1.1\r\n"));
+  int iLines = 0;
+  while (iLines < 10000 && client.Send(strLine))
+    ++iLines;
+  EXPECT_LT(iLines, 10000) << "40 MB of header fields were taken";
+  EXPECT_EQ(Op("/op/v1/status").iStatus, 200);
+}
+
+TEST_F(CCloudHttp, IdleConnection_IsClosed_AndKeptOnesServeSeveralRequests) {
+  StartCloud();
+  CRawClient client(m_strOpUrl);
+  const std::string strRequest = "GET /op/v1/nothing HTTP/1.1\r\nHost: x\r\n\r\n";
+  ASSERT_TRUE(client.Send(strRequest + strRequest));
+  std::string strAnswers;
+  EXPECT_TRUE(client.ReadAll(strAnswers)) << "the idle time is one second";
+  const size_t uFirst = strAnswers.find("HTTP/1.1 404");
+  ASSERT_NE(uFirst, std::string::npos);
+  EXPECT_NE(strAnswers.find("HTTP/1.1 404", uFirst + 1), std::string::npos);
+}
+
+TEST_F(CCloudHttp, UnreadBody_IsNoRequest) {
+  StartCloud();
+  for (const char* psz : {"PUT /op/v1/push", "POST /op/v1/nothing", "DELETE /op/v1/status"}) {
+    CRawClient client(m_strOpUrl);
+    const std::string strInner = "GET /op/v1/inner HTTP/1.1\r\nHost: x\r\n\r\n";
+    ASSERT_TRUE(client.Send(std::string(psz) + " HTTP/1.1\r\nHost: x\r\nContent-Length: " +
+                            std::to_string(strInner.size()) + "\r\n\r\n" + strInner));
+    std::string strAnswers;
+    EXPECT_TRUE(client.ReadAll(strAnswers));
+    const size_t uFirst = strAnswers.find("HTTP/1.1 40");
+    ASSERT_NE(uFirst, std::string::npos) << strAnswers;
+    EXPECT_EQ(strAnswers.find("HTTP/1.1", uFirst + 1), std::string::npos) << strAnswers;
+  }
+}
+
+TEST_F(CCloudHttp, Term_DoesNotWaitForIdleConnections) {
+  m_strAgentExtra = R"(,"idle_sec":300)";
+  WriteConfig();
+  StartCloud();
+  CRawClient client(m_strAgentUrl);
+  EXPECT_EQ(Status("/v1/health"), 200);
+  const int iStatus = m_cloud.Stop(SIGTERM);
+  EXPECT_TRUE(WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0);
 }
 
 TEST_F(CCloudHttp, ClientCertificate_IsAskedForAndNamesTheMachine) {

@@ -109,7 +109,7 @@ void CCloudRig::WriteConfig() {
       "cloud.json",
       CPString(
           R"({"state_dir":"state","agent":{"cert_file":"cert/server.pem","key_file":"cert/server.key",
-"idle_sec":1,"max_body_bytes":100000)" +
+"max_body_bytes":100000)" +
           m_strAgentExtra + R"(},"broker":{"addresses":"127.0.0.1:)" + std::to_string(m_iBrokerPort) +
           R"(","ca_file":"cert/ca.pem"},"tconf":{"pcid":[{"product":"veltcwpp","combo":"zxsample","id":1001}],
 "long":"127.0.0.1:)" +

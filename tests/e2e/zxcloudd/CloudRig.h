@@ -50,5 +50,5 @@ class CCloudRig : public testing::Test {
   int m_iBrokerPort = 0;
   std::string m_strAgentUrl, m_strOpUrl, m_strToken;
   // What WriteConfig writes besides the fixed part.
-  std::string m_strAgentExtra, m_strPollExtra = "\"reoffer_sec\":1", m_strLimits = "{}";
+  std::string m_strAgentExtra = ",\"idle_sec\":1", m_strPollExtra = "\"reoffer_sec\":1", m_strLimits = "{}";
 };
