@@ -21,7 +21,9 @@ void CLinkMachine::Fire(ELinkEvent eEvent) {
       /* Connecting */ {&C::Restart, &C::TimedOut, &C::ComeUp, &C::NextAddress, &C::RefusedNow},
       /* Up         */ {&C::Readdress, &C::Ignore, &C::Ignore, &C::Lose, &C::Lose},
   };
-  (this->*kTable[static_cast<size_t>(m_eState)][static_cast<size_t>(eEvent)])();
+  // Taken out first: g++ 12 checks the index of a called table entry with a value that it never computed.
+  const THandler pfnHandler = kTable[static_cast<size_t>(m_eState)][static_cast<size_t>(eEvent)];
+  (this->*pfnHandler)();
 }
 
 void CLinkMachine::SetAddresses(std::vector<_CloudAddress> list, uint32_t uSpreadSec) {
