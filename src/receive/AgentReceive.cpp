@@ -1,5 +1,7 @@
 #include "receive/AgentReceive.h"
 
+#include <exception>
+
 #include "data/AgentCodes.h"
 #include "data/AgentHub.h"
 #include "data/AgentLog.h"
@@ -25,12 +27,21 @@ CAgentReceive::CAgentReceive() : m_guidLogCache(kLogCacheGuid), m_guidTaskMgr(kT
 
 void CAgentReceive::ReceiveCallback(const GUID& recvGuid, long i64MsgType, const unsigned char* pData,
                                     unsigned int uiDataLength, void* pBatonData, void* pContext) {
-  const CPString strGuid = recvGuid.ToUpper();
-  LogDetail(
-      "zxagent CAgentReceive::ReceiveCallback recv new i64MsgType[%llx] recvGuid[%s] pData[%p] uiDataLength[%u] pBatonData[%p] pContext[%p]",
-      i64MsgType, strGuid, static_cast<const void*>(pData), uiDataLength, pBatonData, pContext);
   CPString strReply;
-  const uint32_t iReplyStatus = Dispatch(recvGuid, strGuid, i64MsgType, pData, uiDataLength, strReply);
+  uint32_t iReplyStatus = 0;
+  try {
+    const CPString strGuid = recvGuid.ToUpper();
+    LogDetail(
+        "zxagent CAgentReceive::ReceiveCallback recv new i64MsgType[%llx] recvGuid[%s] pData[%p] uiDataLength[%u] pBatonData[%p] pContext[%p]",
+        i64MsgType, strGuid, static_cast<const void*>(pData), uiDataLength, pBatonData, pContext);
+    iReplyStatus = Dispatch(recvGuid, strGuid, i64MsgType, pData, uiDataLength, strReply);
+  } catch (const std::exception& e) {
+    // The reply stays the failure word that the handler began with.
+    iReplyStatus = LogFailError(
+        kErrNoManager,
+        "**zxagent CAgentReceive::ReceiveCallback Error what[%s] i64MsgType[%llx] uiDataLength[%u]", e.what(),
+        i64MsgType, uiDataLength);
+  }
   if (pBatonData != nullptr && pContext != nullptr)
     static_cast<IBusContext*>(pContext)->Reply(iReplyStatus, i64MsgType, strReply.data(),
                                                static_cast<uint32_t>(strReply.GetLength()), pBatonData);
