@@ -1,8 +1,11 @@
 #include "send/AgentLogMsg.h"
 
+#include <cerrno>
 #include <ctime>
+#include <exception>
 #include <memory>
 #include <new>
+#include <utility>
 
 #include "data/AgentCodes.h"
 #include "data/AgentHub.h"
@@ -15,13 +18,19 @@ namespace {
 enum : uint32_t { kSendRecord = 0, kWakeUp = 2 };
 constexpr uint32_t kWaitMs = 5000;
 constexpr int kStopPasses = 200;
-constexpr timespec kStopPass{0, 300000000};
+constexpr uint32_t kStopPassMs = 300;
 constexpr int kBeginPasses = 1000;
-constexpr timespec kBeginPass{0, 1000000};
+constexpr uint32_t kBeginPassMs = 1;
 
 }  // namespace
 
-CAgentLogMsg::CAgentLogMsg() {
+void CAgentLogMsg::SleepMs(uint32_t dwMs) {
+  timespec ts{static_cast<time_t>(dwMs / 1000), static_cast<long>(dwMs % 1000) * 1000000};
+  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  }
+}
+
+CAgentLogMsg::CAgentLogMsg(TSleepMs fnSleepMs) : m_fnSleepMs(std::move(fnSleepMs)) {
   ZxMsgQueueInit(m_queue);
 }
 
@@ -63,7 +72,7 @@ void CAgentLogMsg::WaitBegun() {
       bBegun = bBegun && (slot.hThreadLogId == 0 || Status(slot) != 0);
     if (bBegun)
       return;
-    nanosleep(&kBeginPass, nullptr);
+    SleepMs(kBeginPassMs);
   }
 }
 
@@ -86,8 +95,7 @@ uint32_t CAgentLogMsg::InsertSendMsg(const CPString& strProduct, const CPString&
   pData->u64DataId = u64DataId;
   pData->strMsg = std::move(strMsg);
   pData->uiKind = uiKind;
-  const size_t uBytes = sizeof(_LogMsgData) + pData->strMsg.GetLength();
-  if (!ZxMsgQueueInsert(m_queue, kSendRecord, 0, pData.get(), uBytes)) {
+  if (!ZxMsgQueueInsert(m_queue, kSendRecord, 0, pData.get(), RecordBytes(*pData))) {
     LogWarnTo(
         hLog,
         "*zxagent Error InsertSendMsg insert queue Error u64DataId[%llx] iPriv[%d] iMsgType[%d] strProduct[%s] strCombo[%s] strMsg[%s]",
@@ -127,31 +135,47 @@ void* CAgentLogMsg::LogThread(void* pLogData) {
 }
 
 void CAgentLogMsg::Run(_Slot& slot) {
-  while (Status(slot) == 1)
-    SendOne();
+  while (Status(slot) == 1) {
+    try {
+      SendOne();
+    } catch (const std::exception& e) {
+      LogError("**zxagent CAgentLogMsg::LogThread Error what[%s] iIndex[%d]", e.what(), slot.iIndex);
+    }
+  }
   LogInfo("zxagent CAgentLogMsg::LogThread End iIndex[%d]", slot.iIndex);
   SetStatus(slot, 2);
 }
 
-bool CAgentLogMsg::SendOne() {
+void CAgentLogMsg::SendOne() {
   ZxMsgRecord record;
   if (!ZxGetMsgFromQueue(m_queue, record, kWaitMs) || record.pData == nullptr)
-    return false;
+    return;
   const std::unique_ptr<_LogMsgData> pData(static_cast<_LogMsgData*>(record.pData));
-  const uint32_t uiResult =
-      m_pSendMsg->ZxcloudSendMsg(pData->strProduct, pData->strCombo, pData->iPriv, pData->iMsgType,
-                                 pData->u64DataId, pData->strMsg, 1, 1);
+  Report(*pData, Send(*pData));
+}
+
+// The component learns of a send that memory did not suffice for, as of any other failure.
+uint32_t CAgentLogMsg::Send(const _LogMsgData& data) {
+  try {
+    return m_pSendMsg->ZxcloudSendMsg(data.strProduct, data.strCombo, data.iPriv, data.iMsgType,
+                                      data.u64DataId, data.strMsg, 1, 1);
+  } catch (const std::exception& e) {
+    return LogFailError(kErrNoManager, "**zxagent CAgentLogMsg::Send Error what[%s] u64DataId[%llx]",
+                        e.what(), data.u64DataId);
+  }
+}
+
+void CAgentLogMsg::Report(const _LogMsgData& data, uint32_t uiResult) {
   IAgentHub* pHub = AgentHub();
   if (pHub == nullptr)
-    return true;
+    return;
   const int iResult = static_cast<int>(uiResult);
-  if (pData->uiKind == kUploadTaskMgr)
-    pHub->SendTaskMgrResult(iResult, pData->u64DataId, pData->iPriv, pData->iMsgType, pData->strProduct,
-                            pData->strCombo);
+  if (data.uiKind == kUploadTaskMgr)
+    pHub->SendTaskMgrResult(iResult, data.u64DataId, data.iPriv, data.iMsgType, data.strProduct,
+                            data.strCombo);
   else
-    pHub->SendLogCacheResult(iResult, pData->u64DataId, pData->iPriv, pData->iMsgType, pData->strProduct,
-                             pData->strCombo);
-  return true;
+    pHub->SendLogCacheResult(iResult, data.u64DataId, data.iPriv, data.iMsgType, data.strProduct,
+                             data.strCombo);
 }
 
 int CAgentLogMsg::Uninit() {
@@ -189,7 +213,7 @@ void CAgentLogMsg::WaitEnded() {
     }
     if (bEnded)
       return;
-    nanosleep(&kStopPass, nullptr);
+    m_fnSleepMs(kStopPassMs);
   }
 }
 

@@ -9,6 +9,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 
 #include "platform/os/ThreadSafety.h"
 #include "platform/os/ZxCritSec.h"
@@ -29,16 +30,26 @@ struct _LogMsgData {
   uint32_t uiKind = 0;
 };
 
+// What a record counts against the budget: everything that the component decides the size of.
+inline size_t RecordBytes(const _LogMsgData& data) {
+  return sizeof(data) + data.strProduct.GetLength() + data.strCombo.GetLength() + data.strMsg.GetLength();
+}
+
 class CAgentLogMsg {
  public:
   static constexpr int kWorkers = 32;
 
-  CAgentLogMsg();
+  // Pauses the calling thread.
+  using TSleepMs = std::function<void(uint32_t dwMs)>;
+  static void SleepMs(uint32_t dwMs);
+
+  // fnSleepMs: the pauses of a stop that waits for its workers; tests may give their own.
+  explicit CAgentLogMsg(TSleepMs fnSleepMs = &SleepMs);
   ~CAgentLogMsg();
   CAgentLogMsg(const CAgentLogMsg&) = delete;
   CAgentLogMsg& operator=(const CAgentLogMsg&) = delete;
 
-  // Bytes of bodies that may wait; default kZxMsgQueueMaxBytes. Before Init.
+  // Bytes that waiting records may take (RecordBytes each); default kZxMsgQueueMaxBytes. Before Init.
   void SetBudget(size_t uMaxBytes);
   int Init(CAgentSendMsg* pSendMsg);  // borrowed; always 1
   int Uninit();                       // always 1; at most 60 seconds, then workers are cancelled
@@ -55,14 +66,17 @@ class CAgentLogMsg {
     CAgentLogMsg* pOwner = nullptr;
   };
 
-  bool SendOne();  // waits for one item and sends it
   void Run(_Slot& slot);
+  void SendOne();  // waits for one item, sends it and reports the outcome
+  uint32_t Send(const _LogMsgData& data);
+  static void Report(const _LogMsgData& data, uint32_t uiResult);
   void WaitEnded();
   void WaitBegun();
   size_t Drain();  // records dropped
   int Status(const _Slot& slot) TS_EXCLUDES(m_csSlots);
   void SetStatus(_Slot& slot, int iStatus) TS_EXCLUDES(m_csSlots);
 
+  const TSleepMs m_fnSleepMs;
   CCritSec m_csSlots;
   ZxMsgQueue m_queue;  // of _LogMsgData; kWakeUp items carry none
   _Slot m_slots[kWorkers];
