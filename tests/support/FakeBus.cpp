@@ -186,6 +186,7 @@ uint32_t CFakeBus::Reply(uint32_t uiStatus, long i64MsgType, const void* pData, 
   call.uiType = uiStatus;
   call.strData = Bytes(pData, uiLength);
   call.pBatonData = pBatonData;
+  call.i64MsgType = i64MsgType;
   {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_replies[pBatonData] = {uiStatus, i64MsgType, call.strData};

@@ -27,6 +27,7 @@ struct _BusCall {
   unsigned long long ui64ACT = 0;
   uint32_t uiTimeoutMs = 0;
   void* pBatonData = nullptr;  // of Reply
+  long i64MsgType = 0;         // of Reply
 };
 
 class CFakeBus final : public IBusContext {

@@ -38,6 +38,7 @@ class CLogChannels {
   }
   void Clear() { m_capture.Clear(); }
   CLogCapture& Capture() { return m_capture; }
+  const CLogCapture& Capture() const { return m_capture; }
 
  private:
   CLogCapture m_capture;
