@@ -24,6 +24,13 @@ int SetVerdict(zxtools::CPJsonParse& json, int bResult) {
   return json.AddNodeBool(nullptr, kVerdict, bResult);
 }
 
+// Whether texts from outside may become the two path components of a copy: the combo's directory and the file
+// in it. What is put between and behind them counts too.
+bool AreFileNames(const CPString& strProduct, const CPString& strCombo, const CPString& strCommand) {
+  return CAgentTools::IsFileName(strProduct) && CAgentTools::IsFileName(strCombo) &&
+         CAgentTools::IsFileName(strCommand) && CAgentTools::IsFileName(strProduct + "_" + strCombo);
+}
+
 CPString ErrorText(int iError) {
   char szBuffer[128] = {};
   return CPString(strerror_r(iError, szBuffer, sizeof(szBuffer)));
@@ -42,28 +49,24 @@ int CAgentCache::Init(CPString strHomePath) {
 
 CPString CAgentCache::PolicyFile(const CPString& strProduct, const CPString& strCombo,
                                  const CPString& strCommand) const {
-  const CPString strDir = strProduct + "_" + strCombo;
-  const CPString strName = strCommand + ".json";
-  if (!CAgentTools::IsFileName(strDir) || !CAgentTools::IsFileName(strName))
+  if (!AreFileNames(strProduct, strCombo, strCommand) || !CAgentTools::IsFileName(strCommand + ".json"))
     return CPString();
   return CPString::Make("%sdata/policy/agentcache/%s_%s/policy/%s.json", m_strPath.c_str(),
                         strProduct.c_str(), strCombo.c_str(), strCommand.c_str());
 }
 
 CPString CAgentCache::TaskDirectory(const CPString& strProduct, const CPString& strCombo) const {
-  if (!CAgentTools::IsFileName(strProduct + "_" + strCombo))
-    return CPString();
   return CPString::Make("%sdata/policy/agentcache/%s_%s/task/", m_strPath.c_str(), strProduct.c_str(),
                         strCombo.c_str());
 }
 
 CPString CAgentCache::TaskFile(const CPString& strProduct, const CPString& strCombo,
                                const CPString& strCommand, const CPString& strID) const {
-  const CPString strDir = TaskDirectory(strProduct, strCombo);
-  const CPString strName = strCommand + "_" + strID + ".json";
-  if (strDir.IsEmpty() || !CAgentTools::IsFileName(strName))
+  if (!AreFileNames(strProduct, strCombo, strCommand) || !CAgentTools::IsFileName(strID) ||
+      !CAgentTools::IsFileName(strCommand + "_" + strID + ".json"))
     return CPString();
-  return CPString::Make("%s%s_%s.json", strDir.c_str(), strCommand.c_str(), strID.c_str());
+  return CPString::Make("%s%s_%s.json", TaskDirectory(strProduct, strCombo).c_str(), strCommand.c_str(),
+                        strID.c_str());
 }
 
 int CAgentCache::SavePolicyFile(unsigned long long u64DataId, const CPString& strID,
@@ -84,7 +87,7 @@ int CAgentCache::SavePolicyFile(unsigned long long u64DataId, const CPString& st
       json.GetJsonStr(strJson, true) == 0) {
     const int iError = errno;
     return LogWarn("*zxagent CAgentCache::SavePolicyCache LoadBuffer error[%d][%s] lpszMsg[%s]", iError,
-                   ErrorText(iError), lpszMsg);
+                   ErrorText(iError), CAgentTools::RefusedText(lpszMsg));
   }
   unsigned int uiSaveCount = 0;
   if (FindTaskConf(strProduct, strCombo, strCommand, uiSaveCount) != 0)

@@ -41,9 +41,9 @@ class CAgentCache {
  private:
   // Where a command's copy stands; empty when one of the texts may not become a file name.
   CPString PolicyFile(const CPString& strProduct, const CPString& strCombo, const CPString& strCommand) const;
-  CPString TaskDirectory(const CPString& strProduct, const CPString& strCombo) const;
   CPString TaskFile(const CPString& strProduct, const CPString& strCombo, const CPString& strCommand,
                     const CPString& strID) const;
+  CPString TaskDirectory(const CPString& strProduct, const CPString& strCombo) const;
 
   CPString m_strPath;  // home; set in Init, then constant
 
