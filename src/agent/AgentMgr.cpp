@@ -70,7 +70,8 @@ CAgentMgr::CAgentMgr(CPString strSystemRoot, TSleepMs fnSleepMs)
     : m_guidTaskMgr(kTaskMgrGuid),
       m_strSystemRoot(std::move(strSystemRoot)),
       m_fnSleepMs(std::move(fnSleepMs)),
-      m_AgentData(m_strSystemRoot) {
+      m_AgentData(m_strSystemRoot),
+      m_AgentMaint(m_fnSleepMs) {
   ZxMsgQueueInit(m_queueData);
   m_hEventPollMsg = ZxCreateEvent();
   m_hEventCheck = ZxCreateEvent();

@@ -7,6 +7,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <exception>
+#include <utility>
 
 #include "data/AgentHub.h"
 #include "data/AgentLog.h"
@@ -19,11 +21,15 @@ namespace {
 
 constexpr int kDirMode = 0755;
 constexpr int kScanSeconds = 10;
+constexpr uint32_t kSecondMs = 1000;
 constexpr int kStopPasses = 200;
-constexpr timespec kStopPass{0, 300000000};
-constexpr int kBeginPasses = 1000;
-constexpr timespec kBeginPass{0, 1000000};
-constexpr timespec kSecond{1, 0};
+constexpr uint32_t kStopPassMs = 300;
+
+// States of the reader.
+constexpr int kReadNotBegun = -1;
+constexpr int kReadStop = 0;
+constexpr int kReadRunning = 1;
+constexpr int kReadEnded = 2;
 
 // Keeps a text one word inside double quotes of the shell.
 CPString ShellQuoted(const CPString& str) {
@@ -43,7 +49,19 @@ CPString ErrorText(int iError) {
 
 }  // namespace
 
+CAgentMaint::CAgentMaint(TSleepMs fnSleepMs) : m_fnSleepMs(std::move(fnSleepMs)) {}
+
+void CAgentMaint::SleepMs(uint32_t dwMs) {
+  timespec ts{static_cast<time_t>(dwMs / 1000), static_cast<long>(dwMs % 1000) * 1000000};
+  while (nanosleep(&ts, &ts) != 0 && errno == EINTR) {
+  }
+}
+
 int CAgentMaint::Init(CPString strHomePath) {
+  {
+    const CCritLock lock(m_csStatus);
+    m_bClosed = false;
+  }
   if (strHomePath.IsEmpty()) {
     LogWarn("*zxagent CAgentMaint::Init Error strHomePath is empty");
     LogInfo("zxagent CAgentMaint::Init End");
@@ -108,7 +126,8 @@ int CAgentMaint::DisposeMaintMsg(unsigned long long u64DataId, const CPString& s
 bool CAgentMaint::SpoolCommand(unsigned long long u64DataId, const CPString& strCommand,
                                const CPString& strID, const char* lpszMsg, const CPString& strFile) {
   errno = EINVAL;  // an id that may not become a file name
-  FILE* pFile = CAgentTools::IsFileName(strID + ".json") ? std::fopen(strFile.c_str(), "wbe") : nullptr;
+  const bool bName = CAgentTools::IsFileName(strID) && CAgentTools::IsFileName(strID + ".json");
+  FILE* pFile = bName ? std::fopen(strFile.c_str(), "wbe") : nullptr;
   if (pFile == nullptr) {
     const int iError = errno;
     LogWarn(
@@ -132,17 +151,16 @@ bool CAgentMaint::SpoolCommand(unsigned long long u64DataId, const CPString& str
   return true;
 }
 
+// Created under the lock, so that the id stands before anybody can stop the thread by it. A script that comes
+// while the agent stops is spooled, and its result waits for the next start.
 void CAgentMaint::StartReader() {
-  if (m_hThreadReadId != 0)
+  const CCritLock lock(m_csStatus);
+  if (m_hThreadReadId != 0 || m_bClosed)
     return;
-  SetStatus(0);
-  if (AgentThreads().Create(&m_hThreadReadId, &CAgentMaint::ReadResultThread, this) != 0) {
-    m_hThreadReadId = 0;
-    return;
-  }
-  // The reader sets "running" when it begins; an Uninit that overtook it would be undone.
-  for (int iPass = 0; iPass < kBeginPasses && Status() == 0; ++iPass)
-    nanosleep(&kBeginPass, nullptr);
+  m_iReadStatus = kReadNotBegun;
+  pthread_t hThreadId = 0;
+  if (AgentThreads().Create(&hThreadId, &CAgentMaint::ReadResultThread, this) == 0)
+    m_hThreadReadId = hThreadId;
 }
 
 void CAgentMaint::StartTool(unsigned long long u64DataId, const CPString& strID) {
@@ -182,23 +200,31 @@ void* CAgentMaint::ReadResultThread(void* pThis) {
     return nullptr;
   }
   ZxSetThreadName("zxagentmaint");
-  pMaint->SetStatus(1);
+  {
+    const CCritLock lock(pMaint->m_csStatus);
+    if (pMaint->m_iReadStatus != kReadStop)  // asked to stop before it began
+      pMaint->m_iReadStatus = kReadRunning;
+  }
   if (AgentHub() == nullptr) {
-    pMaint->SetStatus(2);
+    pMaint->SetStatus(kReadEnded);
     LogError("**zxagent CAgentLogMsg::ReadResultThread pAgentMagr is NULL");
     return nullptr;
   }
   pMaint->ReadLoop();
-  pMaint->SetStatus(2);
+  pMaint->SetStatus(kReadEnded);
   return nullptr;
 }
 
 void CAgentMaint::ReadLoop() {
   unsigned long long u64DataId = 0;
-  while (Status() == 1) {
-    UploadResults(u64DataId);
-    for (int i = 0; i < kScanSeconds && Status() == 1; ++i)
-      nanosleep(&kSecond, nullptr);
+  while (Status() == kReadRunning) {
+    try {
+      UploadResults(u64DataId);
+    } catch (const std::exception& e) {
+      LogError("**zxagent CAgentMaint::ReadResultThread Error what[%s] u64DataId[%llx]", e.what(), u64DataId);
+    }
+    for (int i = 0; i < kScanSeconds && Status() == kReadRunning; ++i)
+      m_fnSleepMs(kSecondMs);
   }
 }
 
@@ -220,22 +246,36 @@ void CAgentMaint::UploadResults(unsigned long long& u64DataId) {
 
 int CAgentMaint::Uninit() {
   LogInfo("zxagent CAgentMaint::Uninit Begin");
+  bool bReader = false;
   {
     const CCritLock lock(m_csStatus);
-    if (m_iReadStatus != 2)
-      m_iReadStatus = 0;
+    m_bClosed = true;
+    if (m_iReadStatus != kReadEnded)
+      m_iReadStatus = kReadStop;
+    bReader = m_hThreadReadId != 0;
   }
-  if (m_hThreadReadId != 0) {
-    for (int iPass = 0; iPass < kStopPasses && Status() != 2; ++iPass)
-      nanosleep(&kStopPass, nullptr);
-    if (Status() != 2) {
-      LogWarn("*zxagent CAgentMaint::Uninit Warn thread need kill work threadid[%llu]", m_hThreadReadId);
-      pthread_cancel(m_hThreadReadId);
+  if (bReader)
+    EndReader();
+  LogInfo("zxagent CAgentMaint::Uninit End");
+  return 1;
+}
+
+// The reader writes "ended" itself under the lock, so one that is cancelled here, under the same lock, still
+// exists.
+void CAgentMaint::EndReader() {
+  for (int iPass = 0; iPass < kStopPasses && Status() != kReadEnded; ++iPass)
+    m_fnSleepMs(kStopPassMs);
+  pthread_t hCancelled = 0;
+  {
+    const CCritLock lock(m_csStatus);
+    if (m_iReadStatus != kReadEnded) {
+      hCancelled = m_hThreadReadId;
+      pthread_cancel(hCancelled);
     }
     m_hThreadReadId = 0;
   }
-  LogInfo("zxagent CAgentMaint::Uninit End");
-  return 1;
+  if (hCancelled != 0)
+    LogWarn("*zxagent CAgentMaint::Uninit Warn thread need kill work threadid[%llu]", hCancelled);
 }
 
 int CAgentMaint::Status() {
