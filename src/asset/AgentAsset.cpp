@@ -41,22 +41,28 @@ struct CAgentAsset::_Combined {
   zxtools::HJsonNode hArray = nullptr;
   CPString strCombo;
   int iCount = 0;
+  bool bWhole = true;  // no entry was lost to lack of memory
 
-  int Create(const char* pszCombo) {
+  int Create(const char* pszCombo, const CPString& strID) {
     strCombo = CPString(kScannerProduct) + "/" + pszCombo;
-    return json.CreateJson();
+    return json.CreateJson() & json.AddNode(nullptr, "ID", strID) & json.AddNode(nullptr, "combo", strCombo) &
+           json.AddNode(nullptr, "Command", kScanCommand);
   }
-  int AddHead(const CPString& strID) {
-    json.AddNode(nullptr, "ID", strID);
-    json.AddNode(nullptr, "combo", strCombo);
-    json.AddNode(nullptr, "Command", kScanCommand);
+  int AddArray() {
     hArray = json.AddNodeArray(nullptr, "data");
     return hArray != nullptr ? 1 : 0;
   }
   void Append(const _Entry& entry, const CPString& strID) {
+    ++iCount;
     const zxtools::HJsonNode hItem = json.InsertObjectToArray(hArray);
-    if (hItem != nullptr && entry.Fill(json, hItem, strID) != 0)
-      ++iCount;
+    bWhole = hItem != nullptr && entry.Fill(json, hItem, strID) != 0 && bWhole;
+  }
+  // Empty when it is not whole: half a command is not sent.
+  CPString Text() const {
+    CPString strJson;
+    if (!bWhole || json.GetJsonStr(strJson) == 0)
+      strJson.Empty();
+    return strJson;
   }
 };
 
@@ -79,32 +85,32 @@ int CAgentAsset::ParseAssetPolicy(unsigned long long u64DataId, const CPString& 
   if (json.LoadBuffer(lpszJson) == 0)
     return LogWarn(
         "*zxagent CAgentAsset::ParseAssetPolicy Error LoadBuffer Fail u64DataId[%llx] lpszJson[%s]",
-        u64DataId, lpszJson);
+        u64DataId, CAgentTools::RefusedText(lpszJson));
   const zxtools::HJsonNode hParam = json.GetNode("Param");
   if (hParam == nullptr)
     return LogWarn("*zxagent CAgentAsset::ParseAssetPolicy GetNode Param Fail u64DataId[%llx] lpszJson[%s]",
-                   u64DataId, lpszJson);
+                   u64DataId, CAgentTools::RefusedText(lpszJson));
   int iMasterOpen = 0;
   if (CPJsonParse::GetIntValue(json.GetNode(hParam, "open"), iMasterOpen) == 0)
     return LogWarn("*zxagent CAgentAsset::ParseAssetPolicy GetNode open Fail u64DataId[%llx] lpszJson[%s]",
-                   u64DataId, lpszJson);
+                   u64DataId, CAgentTools::RefusedText(lpszJson));
   const zxtools::HJsonNode hList = json.GetNode(hParam, "list");
   if (hList == nullptr)
     return LogWarn("*zxagent CAgentAsset::ParseAssetPolicy GetNode list Fail u64DataId[%llx] lpszJson[%s]",
-                   u64DataId, lpszJson);
+                   u64DataId, CAgentTools::RefusedText(lpszJson));
   std::vector<zxtools::HJsonNode> children;
   if (json.GetAllNode(hList, children) == 0)
     return LogWarn("*zxagent CAgentAsset::ParseAssetPolicy GetAllNode Fail u64DataId[%llx] lpszJson[%s]",
-                   u64DataId, lpszJson);
+                   u64DataId, CAgentTools::RefusedText(lpszJson));
 
   _Combined web;
   _Combined docker;
-  if (web.Create(kWebCombo) == 0 || docker.Create(kDockerCombo) == 0)
+  if (web.Create(kWebCombo, strID) == 0 || docker.Create(kDockerCombo, strID) == 0)
     return LogWarn("*zxagent CAgentAsset::ParseAssetPolicy CreateJson Fail u64DataId[%llx]", u64DataId);
-  if (web.AddHead(strID) == 0)
+  if (web.AddArray() == 0)
     return LogWarn("*zxagent CAgentAsset::ParseAssetPolicy AddNodeArray hWebArray data Fail u64DataId[%llx]",
                    u64DataId);
-  if (docker.AddHead(strID) == 0)
+  if (docker.AddArray() == 0)
     return LogWarn(
         "*zxagent CAgentAsset::ParseAssetPolicy AddNodeArray hDockerArray data Fail u64DataId[%llx]",
         u64DataId);
@@ -163,17 +169,17 @@ void CAgentAsset::DisposeEntry(unsigned long long u64DataId, const CPString& str
 void CAgentAsset::SendCombined(unsigned long long u64DataId, const CPString& strID, _Combined& web,
                                _Combined& docker) {
   if (web.iCount > 0) {
-    CPString strWebJson;
-    web.json.GetJsonStr(strWebJson);
-    if (SendPolicyMsgData(u64DataId, kScannerProduct, kWebCombo, strID, kPushCommand, strWebJson) == 0)
+    const CPString strWebJson = web.Text();
+    if (strWebJson.IsEmpty() ||
+        SendPolicyMsgData(u64DataId, kScannerProduct, kWebCombo, strID, kPushCommand, strWebJson) == 0)
       LogWarn(
           "*zxagent CAgentAsset::ParseAssetPolicy SendPolicyMsgrData Fail veltcwpp/zxpwebassets u64DataId[%llx] strWebJson[%s]",
           u64DataId, strWebJson);
   }
   if (docker.iCount > 0) {
-    CPString strDockerJson;
-    docker.json.GetJsonStr(strDockerJson);
-    if (SendPolicyMsgData(u64DataId, kScannerProduct, kDockerCombo, strID, kPushCommand, strDockerJson) == 0)
+    const CPString strDockerJson = docker.Text();
+    if (strDockerJson.IsEmpty() ||
+        SendPolicyMsgData(u64DataId, kScannerProduct, kDockerCombo, strID, kPushCommand, strDockerJson) == 0)
       LogWarn(
           "*zxagent CAgentAsset::ParseAssetPolicy SendPolicyMsgrData Fail veltcwpp/zxpdockersd u64DataId[%llx] strDockerJson[%s]",
           u64DataId, strDockerJson);
