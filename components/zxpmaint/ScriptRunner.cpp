@@ -5,11 +5,14 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <climits>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 
@@ -19,6 +22,7 @@
 namespace {
 
 constexpr uint64_t kDrainMs = 1000;  // for output that is still in the pipes when the script is gone
+constexpr uint64_t kLookMs = 100;    // how often a script is looked at when the kernel gives no handle on it
 constexpr int kStartFailed = 127;
 
 class CFd {
@@ -65,9 +69,12 @@ struct CPipe {
 [[noreturn]] void Exec(const char* pszWorkDir, char* const* argv, char* const* envp, int iStdout, int iStderr,
                        int iError) {
   setpgid(0, 0);
+  for (int iSignal = 1; iSignal < NSIG; ++iSignal)
+    signal(iSignal, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
+  close_range(3, UINT_MAX, CLOSE_RANGE_CLOEXEC);  // whoever started us may have left files open
   const int iNull = open("/dev/null", O_RDONLY);
   if (chdir(pszWorkDir) == 0 && dup2(iNull, 0) == 0 && dup2(iStdout, 1) == 1 && dup2(iStderr, 2) == 2)
     execve(argv[0], argv, envp);
@@ -99,15 +106,36 @@ bool ReadSome(int iFd, std::string& strOut, size_t uMax, bool& bTruncated) {
   return iRead > 0 || (iRead < 0 && (errno == EINTR || errno == EAGAIN));
 }
 
-// Collects output until both streams end or the deadline passes; true when they ended.
-bool Collect(CPipe& out, CPipe& err, const CScript& script, uint64_t u64Deadline, CScriptResult& result) {
-  while (out.read.Get() >= 0 || err.read.Get() >= 0) {
+// The script's process while it runs; its exit stays to be taken, so that its number cannot go to another.
+class CRunning {
+ public:
+  explicit CRunning(pid_t pid) : m_pid(pid), m_fd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0))) {}
+  bool Ended() const {
+    siginfo_t info{};
+    return waitid(P_PID, static_cast<id_t>(m_pid), &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+           info.si_pid == m_pid;
+  }
+  int Fd() const { return m_fd.Get(); }  // readable when it ended; -1: unknown
+
+ private:
+  pid_t m_pid;
+  CFd m_fd;
+};
+
+// Collects output until both streams end, the deadline passes, or the script (may be null) ends. Others may
+// hold the streams open for longer than the script lives, and a script may close them and run on.
+void Collect(CPipe& out, CPipe& err, const CScript& script, const CRunning* pRunning, uint64_t u64Deadline,
+             CScriptResult& result) {
+  for (;;) {
     const uint64_t u64Now = ZxGetTickCount();
-    if (u64Now >= u64Deadline)
-      return false;
-    pollfd fds[2] = {{out.read.Get(), POLLIN, 0}, {err.read.Get(), POLLIN, 0}};
-    const int iReady = poll(fds, 2, static_cast<int>(std::min<uint64_t>(u64Deadline - u64Now, 1000)));
-    if (iReady <= 0)
+    const bool bStreams = out.read.Get() >= 0 || err.read.Get() >= 0;
+    if (u64Now >= u64Deadline || (pRunning != nullptr ? pRunning->Ended() : !bStreams))
+      return;
+    const int iRunning = pRunning != nullptr ? pRunning->Fd() : -1;
+    const uint64_t u64Wait =
+        pRunning != nullptr && iRunning < 0 ? std::min(u64Deadline - u64Now, kLookMs) : u64Deadline - u64Now;
+    pollfd fds[3] = {{out.read.Get(), POLLIN, 0}, {err.read.Get(), POLLIN, 0}, {iRunning, POLLIN, 0}};
+    if (poll(fds, 3, static_cast<int>(std::min<uint64_t>(u64Wait, INT_MAX))) <= 0)
       continue;
     if (fds[0].revents != 0 &&
         !ReadSome(out.read.Get(), result.strStdout, script.uMaxOutputBytes, result.bTruncated))
@@ -116,7 +144,6 @@ bool Collect(CPipe& out, CPipe& err, const CScript& script, uint64_t u64Deadline
         !ReadSome(err.read.Get(), result.strStderr, script.uMaxOutputBytes, result.bTruncated))
       err.read.Close();
   }
-  return true;
 }
 
 // Descendants that left the group become our children (we are their reaper): found by their parent in /proc.
@@ -139,19 +166,19 @@ void KillOrphans() {
   closedir(pDir);
 }
 
-// Ends whatever is left of the script and takes the exit of its first process.
-void EndGroup(pid_t pid, int& iStatus, bool& bReaped) {
+// Ends whatever is left of the script; the exit status of its first process. Each round ends the children we
+// have; theirs become ours with their death, before we see it.
+int EndGroup(pid_t pid) {
+  int iStatus = 0;
   kill(-pid, SIGKILL);
   for (;;) {
     KillOrphans();
     int iOther = 0;
     const pid_t done = waitpid(-1, &iOther, 0);
-    if (done == pid) {
+    if (done == pid)
       iStatus = iOther;
-      bReaped = true;
-    }
     if (done < 0 && errno != EINTR)
-      return;  // no child is left
+      return iStatus;  // no child is left
   }
 }
 
@@ -199,18 +226,11 @@ CScriptResult RunScript(const CScript& script, const std::string& strWorkDir) {
   int iError = 0;
   const bool bStarted =
       read(failure.read.Get(), &iError, sizeof(iError)) != static_cast<ssize_t>(sizeof(iError));
-  const bool bEnded = Collect(out, err, script, u64Start + script.uTimeoutMs, result);
-  int iStatus = 0;
-  bool bReaped = false;
-  // A script that closed its output but runs on gets the rest of its time.
-  while (bEnded && !bReaped && ZxGetTickCount() < u64Start + script.uTimeoutMs) {
-    bReaped = waitpid(pid, &iStatus, WNOHANG) == pid;
-    if (!bReaped)
-      poll(nullptr, 0, 10);
-  }
-  const bool bTimeout = !bReaped;
-  EndGroup(pid, iStatus, bReaped);
-  Collect(out, err, script, ZxGetTickCount() + kDrainMs, result);
+  const CRunning running(pid);
+  Collect(out, err, script, &running, u64Start + script.uTimeoutMs, result);
+  const bool bTimeout = !running.Ended();
+  const int iStatus = EndGroup(pid);
+  Collect(out, err, script, nullptr, ZxGetTickCount() + kDrainMs, result);
   result.u64DurationMs = ZxGetTickCount() - u64Start;
   if (!bStarted) {
     result.iError = iError;

@@ -9,6 +9,7 @@
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
+#include <utility>
 
 #include "platform/doc/PJsonParse.h"
 #include "platform/os/ZxFile.h"
@@ -18,8 +19,11 @@ using zxtools::HJsonNode;
 
 namespace {
 
+constexpr int kDefaultTimeoutSec = 60;
 constexpr int kMaxTimeoutSec = 3600;
+constexpr int kDefaultOutputBytes = 65536;
 constexpr int kMaxOutputBytes = 1 << 20;
+constexpr mode_t kPrivateDirMode = 0700;
 constexpr const char* kKinds[] = {"policyprocess/", "policyfile/"};
 
 bool IsName(const std::string& strName) {
@@ -58,11 +62,34 @@ CPString Utf8Text(const std::string& str) {
   return CPString(strClean);
 }
 
-int Bounded(HJsonNode hNode, int iDefault, int iMax) {
-  int iValue = iDefault;
-  if (hNode != nullptr)
-    CPJsonParse::GetIntValue(hNode, iValue);
-  return iValue < 1 ? 1 : std::min(iValue, iMax);
+// A member from 1 to iMax, or its default when it is not there. False: anything else.
+bool Number(const CPJsonParse& json, HJsonNode hParam, const char* pszName, int iMax, int& iValue) {
+  const HJsonNode hNode = json.GetNode(hParam, pszName);
+  return hNode == nullptr || (CPJsonParse::GetIntValue(hNode, iValue) != 0 && iValue >= 1 && iValue <= iMax);
+}
+
+// A text or a number; objects and arrays are none.
+bool Text(const CPJsonParse& json, HJsonNode hNode, std::string& strText) {
+  std::vector<HJsonNode> children;
+  CPString strValue;
+  if (hNode == nullptr || json.GetAllNode(hNode, children) != 0 ||
+      CPJsonParse::GetValue(hNode, strValue) == 0)
+    return false;
+  strText = strValue.Str();
+  return true;
+}
+
+bool Args(const CPJsonParse& json, HJsonNode hArgs, std::vector<std::string>& args) {
+  std::vector<HJsonNode> list;
+  if (hArgs == nullptr)
+    return true;
+  if (json.GetAllNode(hArgs, list) == 0)
+    return false;
+  for (const HJsonNode hArg : list) {
+    if (!Text(json, hArg, args.emplace_back()))
+      return false;
+  }
+  return true;
 }
 
 void Complain(const char* pszWhat, const std::string& strFile) {
@@ -74,35 +101,36 @@ void Complain(const char* pszWhat, const std::string& strFile) {
 
 bool ParseCommand(const std::string& strText, CMaintCommand& command, std::string& strError) {
   CPJsonParse json;
-  CPString strValue;
   strError = "the command is no JSON object with the texts ID and Param.script";
-  if (json.LoadBuffer(strText.data(), strText.size()) == 0 || json.GetNode("ID") == nullptr)
+  std::string strId;
+  if (json.LoadBuffer(strText.data(), strText.size()) == 0 || !Text(json, json.GetNode("ID"), strId) ||
+      strId.empty())
     return false;
-  CPJsonParse::GetValue(json.GetNode("ID"), strValue);
-  command.strId = strValue.Str();
+  command.strId = strId;
   const HJsonNode hParam = json.GetNode("Param");
-  const HJsonNode hScript = hParam == nullptr ? nullptr : json.GetNode(hParam, "script");
-  if (hScript == nullptr || CPJsonParse::GetValue(hScript, strValue) == 0 || strValue.IsEmpty())
+  CScript script;
+  if (hParam == nullptr || !Text(json, json.GetNode(hParam, "script"), script.strText) ||
+      script.strText.empty())
     return false;
-  command.script.strText = strValue.Str();
-  if (const HJsonNode hNode = json.GetNode(hParam, "interpreter"); hNode != nullptr) {
-    CPJsonParse::GetValue(hNode, strValue);
-    command.script.strInterpreter = strValue.Str();
-  }
   strError = "Param.interpreter is no absolute path";
-  if (command.script.strInterpreter.empty() || command.script.strInterpreter[0] != '/')
+  const HJsonNode hInterpreter = json.GetNode(hParam, "interpreter");
+  if ((hInterpreter != nullptr && !Text(json, hInterpreter, script.strInterpreter)) ||
+      script.strInterpreter.empty() || script.strInterpreter[0] != '/')
     return false;
-  std::vector<HJsonNode> args;
-  if (const HJsonNode hNode = json.GetNode(hParam, "args"); hNode != nullptr)
-    json.GetAllNode(hNode, args);
-  for (const HJsonNode hArg : args) {
-    CPJsonParse::GetValue(hArg, strValue);
-    command.script.args.push_back(strValue.Str());
-  }
-  command.script.uTimeoutMs =
-      static_cast<uint32_t>(Bounded(json.GetNode(hParam, "timeout_sec"), 60, kMaxTimeoutSec)) * 1000;
-  command.script.uMaxOutputBytes =
-      static_cast<size_t>(Bounded(json.GetNode(hParam, "max_output_bytes"), 65536, kMaxOutputBytes));
+  strError = "Param.args is no list of texts";
+  if (!Args(json, json.GetNode(hParam, "args"), script.args))
+    return false;
+  strError = "Param.timeout_sec is no number from 1 to 3600";
+  int iTimeoutSec = kDefaultTimeoutSec;
+  if (!Number(json, hParam, "timeout_sec", kMaxTimeoutSec, iTimeoutSec))
+    return false;
+  strError = "Param.max_output_bytes is no number from 1 to 1048576";
+  int iMaxOutputBytes = kDefaultOutputBytes;
+  if (!Number(json, hParam, "max_output_bytes", kMaxOutputBytes, iMaxOutputBytes))
+    return false;
+  script.uTimeoutMs = static_cast<uint32_t>(iTimeoutSec) * 1000;
+  script.uMaxOutputBytes = static_cast<size_t>(iMaxOutputBytes);
+  command.script = std::move(script);
   strError.clear();
   return true;
 }
@@ -150,12 +178,14 @@ bool CSpool::Claim(const std::string& strName, const std::string& strClaimed) co
   return false;
 }
 
-bool CSpool::WriteResult(const std::string& strName, const std::string& strResult) const {
-  const std::string strTemp = m_strBase + "work/" + strName + ".result";
+// Written in the private directory first: the agent sees it whole or not at all.
+bool CSpool::WriteResult(const std::string& strDir, const std::string& strName,
+                         const std::string& strResult) const {
+  const std::string strTemp = strDir + "/result.json";
   const std::string strFinal = m_strBase + "result/" + strName;
   std::error_code error;
   std::filesystem::create_directories(m_strBase + "result", error);
-  return ZxSaveFileData(strTemp, CPString(strResult)) && ZxSyncedRename(strTemp, strFinal);
+  return ZxSaveFileData(strTemp, CPString(strResult), true) && ZxSyncedRename(strTemp, strFinal);
 }
 
 bool CSpool::Run(const std::string& strName) const {
@@ -166,7 +196,8 @@ bool CSpool::Run(const std::string& strName) const {
   }
   const std::string strWork = m_strBase + "work";
   std::string strDir = strWork + "/run.XXXXXX";
-  if ((mkdir(strWork.c_str(), 0700) != 0 && errno != EEXIST) || mkdtemp(strDir.data()) == nullptr) {
+  if ((mkdir(strWork.c_str(), kPrivateDirMode) != 0 && errno != EEXIST) ||
+      chmod(strWork.c_str(), kPrivateDirMode) != 0 || mkdtemp(strDir.data()) == nullptr) {
     Complain("cannot make", strDir);
     return false;
   }
@@ -189,7 +220,7 @@ bool CSpool::Run(const std::string& strName) const {
   if (result.iError != 0)
     strError = std::string("the script could not be started: ") +
                std::strerror(result.iError);  // NOLINT(concurrency-mt-unsafe)
-  const bool bWritten = WriteResult(strName, FormatResult(command.strId, result, strError));
+  const bool bWritten = WriteResult(strDir, strName, FormatResult(command.strId, result, strError));
   if (!bWritten)
     Complain("cannot write the result of", strName);
   std::filesystem::remove_all(strDir, error);

@@ -12,7 +12,7 @@ struct CMaintCommand {
   CScript script;
 };
 
-// Null-terminated reason in strError when the text is no command.
+// False with the reason in strError when the text is no command; command.strId is set as soon as it is known.
 bool ParseCommand(const std::string& strText, CMaintCommand& command, std::string& strError);
 // The result document; output that is not UTF-8 has its bad bytes replaced.
 std::string FormatResult(const std::string& strId, const CScriptResult& result, const std::string& strError);
@@ -29,7 +29,7 @@ class CSpool {
 
  private:
   bool Claim(const std::string& strName, const std::string& strClaimed) const;
-  bool WriteResult(const std::string& strName, const std::string& strResult) const;
+  bool WriteResult(const std::string& strDir, const std::string& strName, const std::string& strResult) const;
 
   std::string m_strBase;  // <home>data/zxpmaint/
 };

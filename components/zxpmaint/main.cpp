@@ -1,17 +1,17 @@
 // zxpmaint: runs the maintenance scripts that the agent spools. One command by name, or all waiting file
 // commands.
+#include <fcntl.h>
+#include <signal.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <climits>
-#include <csignal>
 #include <cstdio>
 
 #include "zxpmaint/Spool.h"
 
 namespace {
-
-volatile std::sig_atomic_t g_bStop = 0;
 
 // The directory above the tool's own bin/.
 std::string OwnHome() {
@@ -24,9 +24,56 @@ std::string OwnHome() {
   return strPath + "/";
 }
 
+// Files that we open must not land on the standard streams, which are ours and the script's.
+void OpenStandardStreams() {
+  int iFd = 0;
+  do {
+    iFd = open("/dev/null", O_RDWR | O_CLOEXEC);
+  } while (iFd >= 0 && iFd <= STDERR_FILENO);
+  if (iFd >= 0)
+    close(iFd);
+}
+
+// The request to stop stays blocked, so that it is seen between two scripts and never lost.
+sigset_t BlockStop() {
+  sigset_t stop;
+  sigemptyset(&stop);
+  sigaddset(&stop, SIGTERM);
+  sigaddset(&stop, SIGINT);
+  sigprocmask(SIG_BLOCK, &stop, nullptr);
+  return stop;
+}
+
+bool StopWithin(const sigset_t& stop, int iSeconds) {
+  const timespec tsWait{iSeconds, 0};
+  return sigtimedwait(&stop, nullptr, &tsWait) > 0;
+}
+
+// Runs what waits until it is asked to stop.
+int Watch(const CSpool& spool, int iSeconds) {
+  const sigset_t stop = BlockStop();
+  for (;;) {
+    for (const std::string& strName : spool.Waiting()) {
+      if (StopWithin(stop, 0))
+        return 0;
+      spool.Run(strName);
+    }
+    if (StopWithin(stop, iSeconds))
+      return 0;
+  }
+}
+
+int Scan(const CSpool& spool) {
+  bool bOk = true;
+  for (const std::string& strName : spool.Waiting())
+    bOk = spool.Run(strName) && bOk;
+  return bOk ? 0 : 1;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  OpenStandardStreams();
   CLI::App app("Runs maintenance scripts spooled by the agent and leaves one result file for each.");
   std::string strName;
   std::string strHome;
@@ -50,23 +97,10 @@ int main(int argc, char** argv) {
     std::fputs("zxpmaint: name a command, or use --scan or --watch\n", stderr);
     return 2;
   }
-  struct sigaction action {};
-  action.sa_handler = [](int) { g_bStop = 1; };
-  sigaction(SIGTERM, &action, nullptr);
-  sigaction(SIGINT, &action, nullptr);
-
   const CSpool spool(strHome);
-  bool bOk = strName.empty() || spool.Run(strName);
-  if (!bScan && iWatchSec == 0)
-    return bOk ? 0 : 1;
-  do {
-    for (const std::string& str : spool.Waiting()) {
-      if (g_bStop != 0)
-        break;
-      bOk = spool.Run(str) && bOk;
-    }
-    if (iWatchSec != 0 && g_bStop == 0)
-      sleep(static_cast<unsigned>(iWatchSec));
-  } while (iWatchSec != 0 && g_bStop == 0);
-  return bOk ? 0 : 1;
+  if (!strName.empty() && !spool.Run(strName))
+    return 1;
+  if (iWatchSec != 0)
+    return Watch(spool, iWatchSec);
+  return bScan ? Scan(spool) : 0;
 }
