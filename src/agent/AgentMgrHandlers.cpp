@@ -9,6 +9,7 @@
 #include "agent/AgentMgr.h"
 #include "data/AgentCodes.h"
 #include "data/AgentLog.h"
+#include "data/AgentTools.h"
 
 namespace {
 
@@ -99,7 +100,7 @@ uint32_t CAgentMgr::DisposeTermConnect(unsigned long long u64DataId, const CPStr
     return LogFailError(
         kErrCommandParse,
         "**zxagent CAgentMgr::DisposeTermConnect Error ParseTermConnectData u64DataId[%llx] strID[%s] lpszMsg[%s]",
-        u64DataId, strID, lpszMsg);
+        u64DataId, strID, CAgentTools::RefusedText(lpszMsg));
   if (m_AgentData.SaveTermConnectData(lpszMsg) == 0)
     return LogFailError(
         kErrCommandSave,
@@ -185,7 +186,7 @@ uint32_t CAgentMgr::DisposeMsgSrvAddrSet(unsigned long long u64DataId, const CPS
     return LogFailError(
         kErrCommandParse,
         "**zxagent CAgentMgr::DisposeMsgSrvAddrSet Error ParseMsgSrvAddrSetData u64DataId[%llx] strID[%s] lpszMsg[%s]",
-        u64DataId, strID, lpszMsg);
+        u64DataId, strID, CAgentTools::RefusedText(lpszMsg));
   if (m_AgentData.SaveMsgSrvAddrSetData(lpszMsg) == 0)
     return LogFailError(
         kErrCommandSave,
