@@ -1,6 +1,6 @@
 // Configuration proxy: interface of lib/modules/libconfigproxy.so, fixed. Called by slot. GetConfig and
-// SetConfigEx return kCfgOk on success, another value otherwise; pOut is written on success only. Threads: one
-// instance may be used from any thread.
+// SetConfigEx return kCfgOk on success, another value otherwise; pOut is written on success only. Threads:
+// one instance may be used from any thread.
 #pragma once
 
 #include <cstdint>

@@ -14,7 +14,6 @@ namespace {
 constexpr uint32_t kUploadThreads = CAgentLogMsg::kWorkers;
 constexpr uint32_t kAllThreads = kUploadThreads + 2;  // with the work and the poll thread
 
-
 std::vector<std::string> ThreadNames() {
   std::vector<std::string> names;
   for (const auto& entry : std::filesystem::directory_iterator("/proc/self/task")) {

@@ -23,7 +23,7 @@ TEST(HandOff, Parse_TakesEveryPart) {
 TEST(HandOff, Message_RunsToTheLastBracket) {
   CHandOff handOff;
   for (const std::string& strMsg : {std::string("<a><b>"), std::string(">"), std::string("><msg=x><guid=y>"),
-                                   std::string(), std::string("a\0b", 3)}) {
+                                    std::string(), std::string("a\0b", 3)}) {
     ASSERT_TRUE(ParseHandOff(Text(strMsg), handOff));
     EXPECT_EQ(handOff.strMsg, strMsg);
   }
