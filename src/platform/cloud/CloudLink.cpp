@@ -195,6 +195,7 @@ void CCloudLink::SetOptions(const _CloudOptions& options) {
   }
   m_log.SetDebug(options.bAllowDebug);
   m_short.OnOptions();
+  ConfigureLong();
 }
 
 _CloudOptions CCloudLink::Options() {
@@ -203,20 +204,33 @@ _CloudOptions CCloudLink::Options() {
 }
 
 void CCloudLink::OnTconf(const _TconfAnswer& answer) {
-  const _CloudOptions options = Options();
+  {
+    CCritLock lock(m_cs);
+    m_tconf = answer;
+  }
+  ConfigureLong();
+}
+
+// What the cloud and the options say together; counts from the next connection on, except an end of it.
+void CCloudLink::ConfigureLong() {
   _LongSettings settings;
-  if (!options.bTcpDisable)
-    settings.listAddresses = answer.listLong;
-  settings.strMid = options.strMid;
-  settings.iKeepAliveSec = options.bHbDisable ? 0 : answer.iKeepAliveSec;
-  settings.uSpreadSec = answer.uSpreadSec;
+  {
+    CCritLock lock(m_cs);
+    if (!m_tconf.has_value())
+      return;
+    if (!m_options.bTcpDisable && IsMid(m_options.strMid))
+      settings.listAddresses = m_tconf->listLong;
+    settings.strMid = m_options.strMid;
+    settings.iKeepAliveSec = m_options.bHbDisable ? 0 : m_tconf->iKeepAliveSec;
+    settings.uSpreadSec = m_tconf->uSpreadSec;
+  }
   m_long.Configure(std::move(settings));
 }
 
 std::string CCloudLink::State() {
   const std::string strUp = m_long.UpAddress();
   return Options().Text() + ":link=" + (strUp.empty() ? "down" : "up") + ":longaddr=" + strUp +
-         ":waiting=" + std::to_string(m_outbox.Waiting());
+         ":waiting=" + std::to_string(m_outbox.Waiting()) + ":bytes=" + std::to_string(m_outbox.Bytes());
 }
 
 }  // namespace zxcloud

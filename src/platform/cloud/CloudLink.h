@@ -7,6 +7,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <set>
 #include <string>
 #include <string_view>
@@ -53,7 +54,7 @@ class CCloudLink : private IShortPeer {
   class CCheck;
 
   _CloudOptions Options() override TS_EXCLUDES(m_cs);
-  void OnTconf(const _TconfAnswer& answer) override;
+  void OnTconf(const _TconfAnswer& answer) override TS_EXCLUDES(m_cs);
   bool LongIsUp() override { return m_long.IsUp(); }
   uint64_t LongDownSince() override { return m_long.DownSince(); }
   void WakeLong() override { m_long.Wake(); }
@@ -61,6 +62,7 @@ class CCloudLink : private IShortPeer {
   uint32_t Enqueue(std::string_view svData, int iPriority, uint64_t u64Seq);
   uint32_t Accepts(std::string_view svData, int iPriority) const;
   _HttpSettings HttpSettings() const;
+  void ConfigureLong() TS_EXCLUDES(m_cs);
 
   const _LinkTimes m_times;
   const _CloudConfig m_config;
@@ -82,7 +84,8 @@ class CCloudLink : private IShortPeer {
 
   CCritSec m_cs;
   _CloudOptions m_options TS_GUARDED_BY(m_cs);
-  std::set<IHttpClient*> m_setChecks TS_GUARDED_BY(m_cs);  // running address tests, to be aborted
+  std::optional<_TconfAnswer> m_tconf TS_GUARDED_BY(m_cs);  // the last one
+  std::set<IHttpClient*> m_setChecks TS_GUARDED_BY(m_cs);   // running address tests, to be aborted
 };
 
 }  // namespace zxcloud

@@ -1,6 +1,7 @@
 #include "platform/cloud/HttpClient.h"
 
 #include <curl/curl.h>
+#include <fcntl.h>
 
 #include <algorithm>
 #include <mutex>
@@ -40,6 +41,12 @@ CURLcode OnSslContext(CURL*, void* pCtx, void* pVerdict) {
   return TlsWatchContext(static_cast<SSL_CTX*>(pCtx), *static_cast<_TlsVerdict*>(pVerdict))
              ? CURLE_OK
              : CURLE_SSL_CONNECT_ERROR;
+}
+
+// Connections are not for children that the host starts.
+int OnSocket(void*, curl_socket_t fd, curlsocktype) {
+  fcntl(fd, F_SETFD, FD_CLOEXEC);
+  return CURL_SOCKOPT_OK;
 }
 
 }  // namespace
@@ -168,6 +175,7 @@ bool CHttpClient::Prepare(const _HttpRequest& request, _Running& running) {
   // A stop must not wait for a name server.
   curl_easy_setopt(pEasy, CURLOPT_QUICK_EXIT, 1L);
   curl_easy_setopt(pEasy, CURLOPT_TCP_KEEPALIVE, 1L);
+  curl_easy_setopt(pEasy, CURLOPT_SOCKOPTFUNCTION, OnSocket);
   curl_easy_setopt(pEasy, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.dwConnectMs));
   curl_easy_setopt(pEasy, CURLOPT_TIMEOUT_MS, static_cast<long>(request.dwTotalMs));
   PrepareTrust(request, running);

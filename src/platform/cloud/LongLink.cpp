@@ -14,6 +14,7 @@ namespace {
 
 constexpr int kMaxEvents = 4;
 constexpr size_t kMaxNumberDigits = 9;
+constexpr size_t kSlowBytesPerMs = 16;
 
 }  // namespace
 
@@ -48,12 +49,20 @@ CLongLink::~CLongLink() {
 }
 
 bool CLongLink::Init() {
+  return m_pWakeup->Descriptor() >= 0 && RenewEpoll();
+}
+
+// Each connection has an epoll of its own: a socket that a forked child still holds stays registered when we
+// close it, and its events would come under a number that is another socket's by then.
+bool CLongLink::RenewEpoll() {
+  if (m_fdEpoll >= 0)
+    close(m_fdEpoll);
+  m_fdWatched = -1;
   m_fdEpoll = epoll_create1(EPOLL_CLOEXEC);
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = m_pWakeup->Descriptor();
-  return m_fdEpoll >= 0 && m_pWakeup->Descriptor() >= 0 &&
-         epoll_ctl(m_fdEpoll, EPOLL_CTL_ADD, m_pWakeup->Descriptor(), &event) == 0;
+  return m_fdEpoll >= 0 && epoll_ctl(m_fdEpoll, EPOLL_CTL_ADD, m_pWakeup->Descriptor(), &event) == 0;
 }
 
 void CLongLink::Configure(_LongSettings settings) {
@@ -112,9 +121,11 @@ void CLongLink::TakeSettings() {
   if (!settings.has_value())
     return;
   m_settings = *std::move(settings);
-  if (m_settings.listAddresses.empty())
-    m_u64Down.store(0);
   m_machine.SetAddresses(m_settings.listAddresses, m_settings.uSpreadSec);
+  if (m_settings.listAddresses.empty()) {
+    m_u64Down.store(0);
+    m_ports.fnDown();
+  }
 }
 
 void CLongLink::Dial(const _CloudAddress& address) {
@@ -153,10 +164,10 @@ void CLongLink::TakeLookup() {
 
 void CLongLink::OpenNextIp() {
   m_bTcpUp = false;
-  m_fdWatched = -1;  // closing took the old descriptor out of epoll, and its number may come back
   _MqttOpen open;
   open.strIp = m_listIps.front();
   m_listIps.erase(m_listIps.begin());
+  m_strIp = open.strIp;
   open.strHost = m_dialled.strHost;
   open.wPort = m_dialled.wPort;
   open.bPlain = m_dialled.bPlain;
@@ -168,7 +179,10 @@ void CLongLink::OpenNextIp() {
   open.strSubscribe = m_strPushPrefix + "+";
   open.strStatusTopic = strBase + "/status";
   _Failure failure;
-  if (!m_pTransport->Open(open, failure.eKind, failure.strReason))
+  m_pTransport->Close(false);
+  if (!RenewEpoll())
+    m_failure = _Failure{EMqttFailure::Network, "out of descriptors"};
+  else if (!m_pTransport->Open(open, failure.eKind, failure.strReason))
     m_failure = std::move(failure);
 }
 
@@ -176,6 +190,8 @@ void CLongLink::OpenNextIp() {
 void CLongLink::ReportFailure() {
   while (m_failure.has_value()) {
     const _Failure failure = *std::exchange(m_failure, std::nullopt);
+    m_ports.log.LogDetail("zxcloud connection ended addr[%s] ip[%s] kind[%d] reason[%s]", m_dialled.Text(),
+                          m_strIp, failure.eKind, failure.strReason);
     if (!m_bTcpUp && failure.eKind == EMqttFailure::Network && !m_listIps.empty()) {
       m_machine.OnStage(ELinkStage::Dial);
       OpenNextIp();
@@ -188,6 +204,7 @@ void CLongLink::ReportFailure() {
 }
 
 void CLongLink::Hangup() {
+  m_ports.log.LogDetail("zxcloud connection given up addr[%s] ip[%s]", m_dialled.Text(), m_strIp);
   m_bResolving = false;
   m_failure.reset();
   m_pTransport->Close(false);
@@ -259,9 +276,13 @@ void CLongLink::Tick() {
   ReportFailure();
 }
 
+// What is under way must be answered in a time that a slow line still keeps.
+uint64_t CLongLink::AckDeadline() const {
+  return m_u64Progress + m_ports.times.dwAckAge + m_uBytesUnderWay / kSlowBytesPerMs;
+}
+
 void CLongLink::CheckAckAge() {
-  if (m_listUnderWay.empty() ||
-      m_ports.clock.NowMs() - m_listUnderWay.front().u64SentMs < m_ports.times.dwAckAge)
+  if (m_listUnderWay.empty() || m_ports.clock.NowMs() < AckDeadline())
     return;
   m_pTransport->Close(false);
   m_machine.OnFailed("sent messages stay unacknowledged");
@@ -281,7 +302,9 @@ void CLongLink::Pump() {
     const TOutItem pItem = m_ports.outbox.Take(room);
     if (pItem == nullptr)
       return;
-    m_listUnderWay.push_back({pItem->u64Seq, pItem->Bytes(), m_ports.clock.NowMs()});
+    if (room.bIdle)
+      m_u64Progress = m_ports.clock.NowMs();
+    m_listUnderWay.push_back({pItem->u64Seq, pItem->Bytes()});
     m_uBytesUnderWay += pItem->Bytes();
     m_strTopic.assign(m_strUpPrefix).append(std::to_string(pItem->iPriority));
     bOpen = m_pTransport->Publish(pItem->u64Seq, m_strTopic, pItem->strWire);
@@ -297,6 +320,7 @@ void CLongLink::OnAck(uint64_t u64Token) {
     return;
   m_uBytesUnderWay -= it->uBytes;
   m_listUnderWay.erase(it);
+  m_u64Progress = m_ports.clock.NowMs();
   m_ports.outbox.Done(u64Token);
   m_ports.waiters.Complete(u64Token, 0);
 }
@@ -330,7 +354,7 @@ int CLongLink::WaitMs(int iMaxWaitMs) const {
   if (m_bUp.load() && m_pTransport->TickMs() != 0)
     Earlier(m_u64NextTick);
   if (!m_listUnderWay.empty())
-    Earlier(m_listUnderWay.front().u64SentMs + m_ports.times.dwAckAge);
+    Earlier(AckDeadline());
   if (u64Due == 0)
     return iMaxWaitMs;
   const uint64_t u64Now = m_ports.clock.NowMs();

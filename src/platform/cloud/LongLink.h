@@ -78,7 +78,6 @@ class CLongLink : private ILinkActions, private IMqttEvents {
   struct _UnderWay {
     uint64_t u64Seq = 0;
     size_t uBytes = 0;
-    uint64_t u64SentMs = 0;
   };
   struct _Failure {
     EMqttFailure eKind = EMqttFailure::Network;
@@ -98,11 +97,13 @@ class CLongLink : private ILinkActions, private IMqttEvents {
   void OnAck(uint64_t u64Token) override;
   void OnPush(std::string_view svTopic, std::string_view svPayload) override;
 
+  bool RenewEpoll();
   void TakeSettings() TS_EXCLUDES(m_cs);
   void TakeLookup();
   void OpenNextIp();
   void ReportFailure();
   void Tick();
+  uint64_t AckDeadline() const;
   void CheckAckAge();
   void Pump();
   void ReturnAll();
@@ -134,12 +135,14 @@ class CLongLink : private ILinkActions, private IMqttEvents {
   _CloudAddress m_dialled;
   bool m_bResolving = false;
   bool m_bTcpUp = false;
+  std::string m_strIp;                 // of the last attempt
   std::vector<std::string> m_listIps;  // still to be tried for m_dialled
   std::optional<_Failure> m_failure;   // to be reported outside the machine's own call
   uint64_t m_u64NextTick = 0;
   std::vector<_UnderWay> m_listUnderWay;  // in the order of sending; short, so searched
   size_t m_uBytesUnderWay = 0;
-  std::string m_strPush;  // the pushed text with its NUL; kept for its capacity
+  uint64_t m_u64Progress = 0;  // when the window was last empty or an acknowledgement came
+  std::string m_strPush;       // the pushed text with its NUL; kept for its capacity
   std::string m_strTopic;
   CQuietPeriod m_quiet;
 };

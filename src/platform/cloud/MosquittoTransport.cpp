@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <errno.h>
+#include <fcntl.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <string.h>
@@ -119,6 +120,8 @@ bool CMosquittoTransport::Open(const _MqttOpen& open, EMqttFailure& eFailure, st
 void CMosquittoTransport::TuneSocket() const {
   const int fd = Descriptor();
   const int iOn = 1;
+  // The library leaves it to children that the host starts.
+  fcntl(fd, F_SETFD, FD_CLOEXEC);
   // Found dead by the kernel when data or probes stay unanswered this long.
   setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &kUserTimeoutMs, sizeof(kUserTimeoutMs));
   setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &iOn, sizeof(iOn));

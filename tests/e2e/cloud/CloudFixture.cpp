@@ -116,6 +116,8 @@ void CCloudFixture::TearDown() {
   if (HasFailure()) {
     for (const std::string& strEvent : m_events.Events())
       std::printf("  %s\n", strEvent.c_str());
+    if (m_home.Exists("broker/mosquitto.log"))
+      std::printf("%s\n", m_home.ReadFile("broker/mosquitto.log").c_str());
   }
   EXPECT_EQ(zxcloud_uninit(), 0u);
   m_events.Clear();

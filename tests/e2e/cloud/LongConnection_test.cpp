@@ -1,5 +1,9 @@
 // The long connection against a real broker over TLS.
 #include <gmock/gmock.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <thread>
 
@@ -157,6 +161,23 @@ TEST_F(CLongConnection, Unacknowledged_IsSentAgain_WhenTheBrokerDiesAndReturns) 
   EXPECT_TRUE(EventuallyTrue([&] { return Option("waiting") == "0"; }));
 }
 
+TEST_F(CLongConnection, Reconnects_WhenAForkedChildHoldsTheOldSocket) {
+  Connect();
+  const pid_t iChild = fork();
+  if (iChild == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    while (true)
+      pause();
+  }
+  for (size_t i = 2; i <= 3; ++i) {
+    m_broker.Kill();
+    m_broker.Start();
+    EXPECT_TRUE(m_events.Wait("connect", i)) << i;
+  }
+  kill(iChild, SIGKILL);
+  waitpid(iChild, nullptr, 0);
+}
+
 TEST_F(CLongConnection, SendSync_TimesOut_WhenNobodyAcknowledges) {
   Connect();
   m_broker.Freeze();
@@ -181,6 +202,55 @@ TEST_F(CLongConnection, Connects_WhenTheBrokerStartsLater) {
   ASSERT_TRUE(m_events.WaitLog("Connection refused"));
   m_broker.Start();
   EXPECT_TRUE(m_events.Wait("connect", 1, 20000));
+}
+
+TEST_F(CLongConnection, CloudtcpDisable_EndsTheConnection_WhileRunning) {
+  Connect();
+  EXPECT_EQ(zxcloud_setopt("localip=10.0.0.7"), 0u);
+  EXPECT_EQ(Option("link"), "up");
+  EXPECT_EQ(zxcloud_setopt("cloudtcp_disable=1"), 0u);
+  EXPECT_TRUE(m_events.Wait("disconnect"));
+  EXPECT_EQ(zxcloud_setopt("cloudtcp_disable=0"), 0u);
+  EXPECT_TRUE(m_events.Wait("connect", 2));
+}
+
+TEST_F(CLongConnection, Mid_CountsFromTheNextConnection) {
+  Connect();
+  CTestSubscriber cloud(m_broker.PlainPort(), "none");
+  EXPECT_EQ(zxcloud_setopt("mid=m-2"), 0u);
+  cloud.Publish("zx/v1/m-1/push/1", "old");
+  ASSERT_TRUE(m_events.Wait("push 1 old"));
+  m_broker.Kill();
+  m_broker.Start();
+  ASSERT_TRUE(m_events.Wait("connect", 2));
+  CTestSubscriber again(m_broker.PlainPort(), "none");
+  again.Publish("zx/v1/m-2/push/1", "new");
+  EXPECT_TRUE(m_events.Wait("push 1 new"));
+}
+
+TEST_F(CLongConnection, SendSync_LeavesNothingBehind_WhenItsThreadIsCancelled) {
+  Connect();
+  m_broker.Freeze();
+  pthread_t hThread{};
+  ASSERT_EQ(pthread_create(
+                &hThread, nullptr,
+                [](void*) -> void* {
+                  SendSync("cancelled", 0, 60000);
+                  return nullptr;
+                },
+                nullptr),
+            0);
+  m_https.Answer("/v1/upload", [](const _TestRequest&) { return _TestReply{503, "", {}}; });
+  // Under way: it counts, but does not wait for its turn any more.
+  ASSERT_TRUE(EventuallyTrue([this] { return Option("bytes") != "0" && Option("waiting") == "0"; }));
+  ASSERT_EQ(zxcloud_send("marker", 6, 3), 0u);
+  ASSERT_EQ(pthread_cancel(hThread), 0);
+  void* pResult = nullptr;
+  ASSERT_EQ(pthread_join(hThread, &pResult), 0);
+  EXPECT_EQ(pResult, PTHREAD_CANCELED);
+  m_broker.Kill();
+  ASSERT_TRUE(m_events.Wait("disconnect"));
+  EXPECT_TRUE(EventuallyTrue([this] { return Option("waiting") == "1"; }));  // the marker alone
 }
 
 TEST_F(CLongConnection, PlainText_IsUsedOnlyToLoopbackAndOnlyWhenAskedFor) {

@@ -1,0 +1,312 @@
+// The long connection with a broker that the test plays: no sockets, no time of its own.
+#include "platform/cloud/LongLink.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "CloudFakes.h"
+#include "support/Waiter.h"
+
+using namespace zxcloud;
+using ::testing::Contains;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+namespace {
+
+class CLongLinkTest : public ::testing::Test {
+ protected:
+  CLongLinkTest() : m_callbacks(CCallbackLog::Record()) {
+    CCallbackLog::Events().clear();
+    EXPECT_TRUE(m_link.Init());
+  }
+
+  static bool Resolve(const std::string& strHost, std::vector<std::string>& list, std::string& strError) {
+    if (strHost == "two.example")
+      list = {"10.0.0.1", "10.0.0.2"};
+    else
+      strError = "name not resolved: no such name";
+    return !list.empty();
+  }
+  void Turn(int iTurns = 1) {
+    for (int i = 0; i < iTurns; ++i)
+      m_link.RunOnce(0);
+  }
+  void Configure(const std::string& strAddresses) {
+    m_link.Configure({ParseAddressList(strAddresses, kMqttsPort, false), "m-1", 30, 0});
+    Turn();
+  }
+  void ComeUp() {
+    m_pTransport->events.OnTcpUp();
+    m_pTransport->events.OnConnack();
+    m_pTransport->events.OnSubscribed();
+    Turn();
+  }
+  void Add(int iPriority, size_t uBytes = 10) {
+    ++m_u64Seq;
+    const std::string strId = "id" + std::to_string(m_u64Seq);
+    ASSERT_TRUE(m_outbox.Add(MakeOutItem(m_u64Seq, iPriority, strId, std::string(uBytes, 'x'))));
+  }
+  void Advance(uint64_t u64Ms) {
+    m_clock.Advance(u64Ms);
+    Turn(2);
+  }
+
+  _LinkTimes m_times;
+  CFakeClock m_clock;
+  CFakeRandom m_random;
+  CMemoryOutbox m_outbox{64u << 20};
+  CWaiters m_waiters;
+  CCallbacks m_callbacks;
+  CCloudLog m_log{m_callbacks};
+  CFakeTransport* m_pTransport = nullptr;
+  uint32_t m_uDown = 0;
+  uint64_t m_u64Seq = 0;
+  CLongLink m_link{
+      {m_times, m_clock, m_random, m_outbox, m_waiters, m_callbacks, m_log, [this] { ++m_uDown; }},
+      [this](IMqttEvents& events) {
+        auto pTransport = std::make_unique<CFakeTransport>(events);
+        m_pTransport = pTransport.get();
+        return pTransport;
+      },
+      Resolve};
+};
+
+}  // namespace
+
+TEST_F(CLongLinkTest, PushNumber_TakesOneToNineDigitsBehindThePrefix) {
+  EXPECT_EQ(PushNumber("p/0", "p/"), 0);
+  EXPECT_EQ(PushNumber("p/999999999", "p/"), 999999999);
+  for (const char* psz : {"p/", "p/1234567890", "p/1a", "p/-1", "p/ 1", "q/1", "p", "", "p/1/2"})
+    EXPECT_EQ(PushNumber(psz, "p/"), -1) << psz;
+}
+
+TEST_F(CLongLinkTest, Configure_OpensWithTheProtocolsNames) {
+  Configure("127.0.0.1:1883");
+  ASSERT_EQ(m_pTransport->opened.size(), 1u);
+  const _MqttOpen& open = m_pTransport->opened[0];
+  EXPECT_EQ(open.strClientId, "m-1");
+  EXPECT_EQ(open.strSubscribe, "zx/v1/m-1/push/+");
+  EXPECT_EQ(open.strStatusTopic, "zx/v1/m-1/status");
+  EXPECT_EQ(open.iKeepAliveSec, 30);
+  EXPECT_FALSE(open.bPlain);
+  EXPECT_GT(m_link.DownSince(), 0u);
+  ComeUp();
+  EXPECT_TRUE(m_link.IsUp());
+  EXPECT_EQ(m_link.UpAddress(), "127.0.0.1:1883");
+  EXPECT_THAT(CCallbackLog::Events(),
+              ElementsAre(HasSubstr("log 1 zxcloud long connection up"),
+                          "data 2 10.0.0.1:4000;127.0.0.1:1883", "connect 127.0.0.1 1883"));
+}
+
+TEST_F(CLongLinkTest, Names_AreResolvedAside_AndEachAddressIsTried) {
+  Configure("two.example:1");
+  ASSERT_TRUE(EventuallyTrue([&] {
+    Turn();
+    return !m_pTransport->opened.empty();
+  }));
+  EXPECT_EQ(m_pTransport->opened[0].strIp, "10.0.0.1");
+  EXPECT_EQ(m_pTransport->opened[0].strHost, "two.example");
+  m_pTransport->events.OnClosed(EMqttFailure::Network, "unreachable");
+  Turn();
+  ASSERT_EQ(m_pTransport->opened.size(), 2u);
+  EXPECT_EQ(m_pTransport->opened[1].strIp, "10.0.0.2");
+  m_pTransport->events.OnTcpUp();
+  m_pTransport->events.OnClosed(EMqttFailure::Tls, "expired");
+  Turn();
+  EXPECT_EQ(m_pTransport->opened.size(), 2u);
+  EXPECT_THAT(CCallbackLog::Events(), Contains(HasSubstr("reasons[two.example:1: expired]")));
+}
+
+TEST_F(CLongLinkTest, Names_ThatDoNotResolve_AreAFailure) {
+  Configure("unknown.example:1");
+  ASSERT_TRUE(EventuallyTrue([&] {
+    Turn();
+    return CCallbackLog::Count("log 2") == 1;
+  }));
+  EXPECT_THAT(CCallbackLog::Events().back(), HasSubstr("unknown.example:1: name not resolved: no such name"));
+}
+
+TEST_F(CLongLinkTest, OpenFailure_IsReportedLikeAnyOther) {
+  Configure("");
+  m_pTransport->strOpenError = "ca_file is missing";
+  m_pTransport->eOpenFailure = EMqttFailure::Tls;
+  Configure("127.0.0.1:1");
+  Turn();
+  EXPECT_THAT(CCallbackLog::Events(), Contains(HasSubstr("reasons[127.0.0.1:1: ca_file is missing")));
+}
+
+TEST_F(CLongLinkTest, Push_GoesStraightToTheCallback) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  CCallbackLog::Events().clear();
+  m_pTransport->events.OnPush("zx/v1/m-1/push/12", "{}");
+  m_pTransport->events.OnPush("zx/v1/m-1/push/12", "");
+  m_pTransport->events.OnPush("zx/v1/m-2/push/12", "another machine's");
+  m_pTransport->events.OnPush("zx/v1/m-1/push/12", std::string_view("a\0b", 3));
+  m_pTransport->events.OnPush("zx/v1/m-1/push/12", std::string(kMaxPushBytes + 1, 'x'));
+  EXPECT_EQ(CCallbackLog::Count("push"), 2u);
+  EXPECT_EQ(CCallbackLog::Events()[0], "push 12 {}");
+  EXPECT_EQ(CCallbackLog::Events()[1], "push 12 ");
+  EXPECT_EQ(CCallbackLog::Count("log 2 *zxcloud push refused"), 3u);
+}
+
+TEST_F(CLongLinkTest, Pump_FillsTheWindowInMessages_AndKeepsRoomForUrgentOnes) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  for (int i = 0; i < 100; ++i)
+    Add(3);
+  Turn();
+  EXPECT_EQ(m_pTransport->published.size(), kWindowMessages - kReserveMessages);
+  for (int i = 0; i < 20; ++i)
+    Add(0);
+  Turn();
+  EXPECT_EQ(m_pTransport->published.size(), kWindowMessages);
+  EXPECT_EQ(m_pTransport->published.back().strTopic, "zx/v1/m-1/up/0");
+  const uint64_t u64Token = m_pTransport->published[0].u64Token;
+  m_pTransport->events.OnAck(u64Token);
+  m_pTransport->events.OnAck(u64Token);  // a second one changes nothing
+  Turn();
+  EXPECT_EQ(m_pTransport->published.size(), kWindowMessages + 1u);
+  EXPECT_EQ(m_pTransport->published.back().strTopic, "zx/v1/m-1/up/0");
+}
+
+TEST_F(CLongLinkTest, Pump_BoundsTheWindowInBytes_ButLetsOneLargeMessageGo) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  for (int i = 0; i < 3; ++i)
+    Add(2, 6u << 20);
+  Turn();
+  ASSERT_EQ(m_pTransport->published.size(), 1u);
+  m_pTransport->events.OnAck(m_pTransport->published[0].u64Token);
+  Turn();
+  EXPECT_EQ(m_pTransport->published.size(), 2u);
+}
+
+TEST_F(CLongLinkTest, Acknowledgement_CompletesTheBlockingSender) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  CWaiters::CWaiter waiter(m_waiters, 1);
+  Add(1);
+  Turn();
+  EXPECT_EQ(waiter.Wait(0, 99), 99u);
+  m_pTransport->events.OnAck(1);
+  EXPECT_EQ(waiter.Wait(0, 99), 0u);
+  EXPECT_EQ(m_outbox.Bytes(), 0u);
+}
+
+TEST_F(CLongLinkTest, Lost_BringsUnacknowledgedBack_AndSendsThemAgainWithTheirIds) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  for (int i = 0; i < 3; ++i)
+    Add(1);
+  Turn();
+  const auto first = m_pTransport->published;
+  m_pTransport->events.OnAck(first[1].u64Token);
+  m_pTransport->events.OnClosed(EMqttFailure::Network, "closed");
+  Turn();
+  EXPECT_FALSE(m_link.IsUp());
+  EXPECT_EQ(m_outbox.Waiting(), 2u);
+  EXPECT_GE(m_uDown, 1u);
+  EXPECT_EQ(CCallbackLog::Count("disconnect"), 1u);
+  EXPECT_EQ(CCallbackLog::Count("log 2"), 1u);  // one line for one change
+  Advance(m_times.dwBackoffBase);
+  ComeUp();
+  Turn();
+  ASSERT_EQ(m_pTransport->published.size(), 5u);
+  EXPECT_EQ(m_pTransport->published[3].strPayload, first[0].strPayload);
+  EXPECT_EQ(m_pTransport->published[4].strPayload, first[2].strPayload);
+}
+
+TEST_F(CLongLinkTest, PublishFailure_EndsTheConnection_AndKeepsTheMessage) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  m_pTransport->bPublishFails = true;
+  Add(1);
+  Turn();
+  EXPECT_FALSE(m_link.IsUp());
+  EXPECT_EQ(m_outbox.Waiting(), 1u);
+}
+
+TEST_F(CLongLinkTest, AcknowledgementAge_EndsAConnectionThatAnswersNothing) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  Add(1);
+  Turn();
+  Advance(m_times.dwAckAge - 1);
+  EXPECT_TRUE(m_link.IsUp());
+  Advance(2);
+  EXPECT_FALSE(m_link.IsUp());
+  EXPECT_EQ(m_outbox.Waiting(), 1u);
+  EXPECT_EQ(
+      CCallbackLog::Count("log 2 *zxcloud long connection lost addr[127.0.0.1:1] reason[sent messages stay"),
+      1u);
+}
+
+TEST_F(CLongLinkTest, AcknowledgementAge_BearsWithASlowLine) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  for (int i = 0; i < 3; ++i)
+    Add(1, 1u << 20);
+  Turn();
+  ASSERT_EQ(m_pTransport->published.size(), 3u);
+  for (const uint64_t u64Seq : {1, 2}) {
+    Advance(80000);  // a megabyte at 13 KB a second
+    ASSERT_TRUE(m_link.IsUp());
+    m_pTransport->events.OnAck(u64Seq);
+  }
+  Advance(m_times.dwAckAge + (1u << 20) / 16 + 100);
+  EXPECT_FALSE(m_link.IsUp());
+}
+
+TEST_F(CLongLinkTest, Tick_ComesAtAQuarterOfTheKeepAlive) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  Advance(7499);
+  EXPECT_EQ(m_pTransport->uTicks, 0u);
+  Advance(1);
+  EXPECT_EQ(m_pTransport->uTicks, 1u);
+  Advance(7500);
+  EXPECT_EQ(m_pTransport->uTicks, 2u);
+}
+
+TEST_F(CLongLinkTest, Offline_LogsOncePerMinute) {
+  Configure("127.0.0.1:1");
+  for (int i = 0; i < 100; ++i) {
+    m_pTransport->events.OnClosed(EMqttFailure::Network, "refused");
+    Turn();
+    m_clock.Advance(600);
+    m_random.uPercent = 0;  // attempts as close together as they may get
+    Turn(2);
+  }
+  EXPECT_GT(m_pTransport->opened.size(), 50u);
+  EXPECT_LE(CCallbackLog::Count("log 2"), 2u);
+  EXPECT_GE(CCallbackLog::Count("log 2"), 1u);
+}
+
+TEST_F(CLongLinkTest, TimeOut_HangsUp_AndTheNextAddressFollows) {
+  Configure("127.0.0.1:1,127.0.0.2:2");
+  m_pTransport->events.OnTcpUp();
+  Advance(m_times.dwConnack);
+  ASSERT_EQ(m_pTransport->opened.size(), 2u);
+  EXPECT_EQ(m_pTransport->opened[1].strIp, "127.0.0.2");
+}
+
+TEST_F(CLongLinkTest, EmptyAddresses_EndTheLink_AndNoneIsExpected) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  Configure("");
+  EXPECT_FALSE(m_link.IsUp());
+  EXPECT_EQ(m_link.DownSince(), 0u);
+  EXPECT_EQ(CCallbackLog::Count("disconnect"), 1u);
+}
+
+TEST_F(CLongLinkTest, Stop_MarksTheMachineOfflineWithoutACallback) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  m_link.Stop();
+  m_link.Run();
+  EXPECT_TRUE(m_pTransport->bClosedPolitely);
+  EXPECT_FALSE(m_link.IsUp());
+  EXPECT_EQ(CCallbackLog::Count("disconnect"), 0u);
+}

@@ -1,0 +1,83 @@
+#include "platform/cloud/TconfAnswer.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+using namespace zxcloud;
+using ::testing::HasSubstr;
+
+TEST(TconfAnswer, Parse_TakesEverything) {
+  _TconfAnswer answer;
+  std::string strError;
+  ASSERT_TRUE(ParseTconf(R"({"v":1,"pcid":"a,b,1|c,d,2","short":"s:1,t","long":"l:2,m","lb":"opaque",
+      "keepalive_sec":45,"spread_sec":10,"refresh_sec":120,"max_message_bytes":2048,"future":{}})",
+                         false, answer, strError))
+      << strError;
+  EXPECT_EQ(answer.strPcid, "a,b,1|c,d,2");
+  EXPECT_EQ(answer.listShort.at(1).Text(), "t:443");
+  EXPECT_EQ(answer.listLong.at(0).Text(), "l:2");
+  EXPECT_EQ(answer.listLong.at(1).Text(), "m:8883");
+  EXPECT_EQ(answer.strLb, "opaque");
+  EXPECT_EQ(answer.iKeepAliveSec, 45);
+  EXPECT_EQ(answer.uSpreadSec, 10u);
+  EXPECT_EQ(answer.uRefreshSec, 120u);
+  EXPECT_EQ(answer.uMaxMessage, 2048u);
+}
+
+TEST(TconfAnswer, Parse_HasDefaults) {
+  _TconfAnswer answer;
+  std::string strError;
+  ASSERT_TRUE(ParseTconf(R"({"v":1})", false, answer, strError));
+  EXPECT_TRUE(answer.listShort.empty());
+  EXPECT_TRUE(answer.listLong.empty());
+  EXPECT_EQ(answer.iKeepAliveSec, 30);
+  EXPECT_EQ(answer.uSpreadSec, 60u);
+  EXPECT_EQ(answer.uRefreshSec, 3600u);
+  EXPECT_EQ(answer.uMaxMessage, 8388608u);
+}
+
+TEST(TconfAnswer, Parse_BringsNumbersIntoTheirRange) {
+  _TconfAnswer answer;
+  std::string strError;
+  ASSERT_TRUE(ParseTconf(R"({"v":1,"keepalive_sec":1,"spread_sec":-1,"refresh_sec":1,"max_message_bytes":0})",
+                         false, answer, strError));
+  EXPECT_EQ(answer.iKeepAliveSec, 10);
+  EXPECT_EQ(answer.uSpreadSec, 0u);
+  EXPECT_EQ(answer.uRefreshSec, 60u);
+  EXPECT_EQ(answer.uMaxMessage, 1024u);
+  ASSERT_TRUE(ParseTconf(
+      R"({"v":1,"keepalive_sec":1e99,"spread_sec":1e99,"refresh_sec":1e99,"max_message_bytes":1e99})", false,
+      answer, strError));
+  EXPECT_EQ(answer.iKeepAliveSec, 600);
+  EXPECT_EQ(answer.uSpreadSec, 600u);
+  EXPECT_EQ(answer.uRefreshSec, 86400u);
+  EXPECT_EQ(answer.uMaxMessage, 268435456u);
+}
+
+TEST(TconfAnswer, Parse_RefusesWithItsReason_AndLeavesTheAnswerAlone) {
+  struct {
+    std::string strText;
+    const char* pszReason;
+  } const kCases[] = {
+      {"", "not a JSON object"},
+      {"[]", "not a JSON object"},
+      {"{\"v\":1}x", "not a JSON object"},
+      {std::string(100000, '['), "not a JSON object"},
+      {std::string(kMaxTconfBytes + 1, ' '), "not a JSON object"},
+      {"{}", "version 0"},
+      {"{\"v\":2}", "version 2"},
+      {"{\"v\":\"1\"}", "member v is no number"},
+      {"{\"v\":1,\"pcid\":5}", "member pcid is no text"},
+      {"{\"v\":1,\"short\":[]}", "member short is no text"},
+      {"{\"v\":1,\"long\":\"mqtt://127.0.0.1:1\"}", "no usable address in member long"},
+      {"{\"v\":1,\"refresh_sec\":\"60\"}", "member refresh_sec is no number"},
+  };
+  for (const auto& c : kCases) {
+    _TconfAnswer answer;
+    answer.strPcid = "before";
+    std::string strError;
+    EXPECT_FALSE(ParseTconf(c.strText, false, answer, strError));
+    EXPECT_THAT(strError, HasSubstr(c.pszReason));
+    EXPECT_EQ(answer.strPcid, "before");
+  }
+}
