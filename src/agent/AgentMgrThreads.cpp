@@ -17,6 +17,8 @@ constexpr uint32_t kWorkWaitMs = 5000;
 constexpr uint32_t kBeginWaitMs = 5000;
 constexpr int kStopPasses = 200;
 constexpr uint32_t kStopPassMs = 300;
+constexpr int kEndPasses = 20;
+constexpr uint32_t kEndPassMs = 1;
 constexpr size_t kTimeTextBytes = 64;
 
 const char* TextOrEmpty(const char* psz) {
@@ -122,6 +124,9 @@ bool CAgentMgr::ThreadsEnded() {
 }
 
 int CAgentMgr::WaitThreads() {
+  // Idle threads end within a few milliseconds; only a busy one costs a whole pass.
+  for (int i = 0; i < kEndPasses && !ThreadsEnded(); ++i)
+    SleepMs(kEndPassMs);
   int iCount = 0;
   while (iCount < kStopPasses && !ThreadsEnded()) {
     ++iCount;

@@ -20,6 +20,7 @@ constexpr uint32_t kWaitMs = 5000;
 constexpr int kStopPasses = 200;
 constexpr uint32_t kStopPassMs = 300;
 constexpr int kBeginPasses = 1000;
+constexpr int kEndPasses = 20;
 constexpr uint32_t kBeginPassMs = 1;
 
 }  // namespace
@@ -188,12 +189,10 @@ int CAgentLogMsg::Uninit() {
     ZxMsgQueueInsert(m_queue, kWakeUp, 0, nullptr);
   WaitEnded();
   for (_Slot& slot : m_slots) {
-    if (slot.hThreadLogId != 0 && Status(slot) != 2) {
+    const pthread_t hThreadLogId = slot.hThreadLogId;
+    if (CancelWorker(slot))
       LogWarn("*zxagent CAgentLogMsg::Uninit Warn thread need kill i[%d] threadid[%llu]", slot.iIndex,
-              slot.hThreadLogId);
-      pthread_cancel(slot.hThreadLogId);
-    }
-    slot.hThreadLogId = 0;
+              hThreadLogId);
   }
   const size_t uDropped = Drain();
   if (uDropped != 0)
@@ -201,20 +200,31 @@ int CAgentLogMsg::Uninit() {
   return 1;
 }
 
+// A worker writes its last status under the lock, so one that has not written it still exists.
+bool CAgentLogMsg::CancelWorker(_Slot& slot) {
+  const CCritLock lock(m_csSlots);
+  const pthread_t hThreadLogId = std::exchange(slot.hThreadLogId, 0);
+  if (hThreadLogId == 0 || slot.iStatus == 2)
+    return false;
+  pthread_cancel(hThreadLogId);
+  return true;
+}
+
 // Slots that never had a thread count as ended.
-void CAgentLogMsg::WaitEnded() {
-  for (int iPass = 0; iPass < kStopPasses; ++iPass) {
-    bool bEnded = true;
-    for (const _Slot& slot : m_slots) {
-      if (slot.hThreadLogId != 0 && Status(slot) != 2) {
-        bEnded = false;
-        break;
-      }
-    }
-    if (bEnded)
-      return;
-    m_fnSleepMs(kStopPassMs);
+bool CAgentLogMsg::AllEnded() {
+  for (const _Slot& slot : m_slots) {
+    if (slot.hThreadLogId != 0 && Status(slot) != 2)
+      return false;
   }
+  return true;
+}
+
+void CAgentLogMsg::WaitEnded() {
+  // Idle workers end within a few milliseconds; only a busy one costs a whole pass.
+  for (int i = 0; i < kEndPasses && !AllEnded(); ++i)
+    SleepMs(kBeginPassMs);
+  for (int iPass = 0; iPass < kStopPasses && !AllEnded(); ++iPass)
+    m_fnSleepMs(kStopPassMs);
 }
 
 size_t CAgentLogMsg::Drain() {

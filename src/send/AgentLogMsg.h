@@ -71,6 +71,8 @@ class CAgentLogMsg {
   uint32_t Send(const _LogMsgData& data);
   static void Report(const _LogMsgData& data, uint32_t uiResult);
   void WaitEnded();
+  bool AllEnded();
+  bool CancelWorker(_Slot& slot) TS_EXCLUDES(m_csSlots);  // true: it was still running
   void WaitBegun();
   size_t Drain();  // records dropped
   int Status(const _Slot& slot) TS_EXCLUDES(m_csSlots);

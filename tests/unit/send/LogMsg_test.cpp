@@ -100,7 +100,7 @@ TEST_F(LogMsg, Workers_SendThirtyTwoAtOnce_AndNoMore) {
   m_logMsg.Init(&m_send);
   for (unsigned long long u64DataId = 1; u64DataId <= 50; ++u64DataId)
     EXPECT_EQ(Insert(u64DataId), 0u);
-  ASSERT_TRUE(WaitSends(32));
+  ASSERT_TRUE(EventuallyTrue([&] { return iNow == 32; }));
   EXPECT_THAT(m_hub.Outcomes(), IsEmpty());
   m_release.Set();
   ASSERT_TRUE(m_hub.WaitOutcomes(50));
