@@ -58,7 +58,7 @@ int CAgentTools::CreateDirectory(CPString strPath, int iMode) {
   const int iError = errno;
   chmod(strPath.c_str(), mode);  // the umask may have taken bits away
   errno = iError;
-  return iRet == 0 ? 1 : 0;
+  return iRet == 0 || iError == EEXIST ? 1 : 0;  // another thread may have made it meanwhile
 }
 
 bool CAgentTools::IsFileName(const CPString& strName) {
