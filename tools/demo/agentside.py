@@ -22,6 +22,8 @@ done
 exec "$@"
 """
 
+CONNECTION_MODE = "etc/zxagent/inner/termconnect.json"
+
 
 def isolation():
     """The command words that put a program into namespaces of its own; None when the system allows neither."""
@@ -67,15 +69,9 @@ class Agent:
         with open(self.path("etc/zxagent/zxagent.json"), "w", encoding="ascii") as text:
             json.dump(deployment, text, indent=1)
 
-    def set_short_only(self, short_only):
-        """What the terminal-connect command leaves behind: type 2 switches the long connection off."""
-        path = self.path("etc/zxagent/inner/termconnect.json")
-        if short_only:
-            os.makedirs(os.path.dirname(path), exist_ok=True)
-            with open(path, "w", encoding="ascii") as text:
-                json.dump({"Param": {"type": 2, "poller_cycle": 60}}, text)
-        elif os.path.exists(path):
-            os.remove(path)
+    def forget_connection_mode(self):
+        """Removes what the terminal-connect command left behind; from its next start the agent uses both ways."""
+        os.remove(self.path(CONNECTION_MODE))
 
     def start(self):
         arguments = [self.path("bin/zxhost"), "--home", self.home]

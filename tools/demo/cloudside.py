@@ -9,9 +9,11 @@ import time
 from processes import Child, StepFailed, wait_for
 
 CERTIFICATE_DAYS = "2"
-SAMPLE, ABSENT = 1001, 1002   # business numbers: the sample component, and one that no machine has
+# Business numbers: the sample component, one that no machine has, and the agent itself.
+SAMPLE, ABSENT, OWN = 1001, 1002, 1003
 PCID = [{"product": "veltcwpp", "combo": "zxsample", "id": SAMPLE},
-        {"product": "veltcwpp", "combo": "zxabsent", "id": ABSENT}]
+        {"product": "veltcwpp", "combo": "zxabsent", "id": ABSENT},
+        {"product": "veltExtHost", "combo": "PluginMgr", "id": OWN}]
 PCID_TEXT = "|".join("%s,%s,%d" % (entry["product"], entry["combo"], entry["id"]) for entry in PCID)
 
 
@@ -81,7 +83,7 @@ class Broker:
             self._write_config()
             self.child = Child("mosquitto", [program, "-c", os.path.join(self.folder, "mosquitto.conf")],
                                os.path.join(self.folder, "mosquitto.log"))
-            if wait_for(lambda: not self.child.running() or answers(self.port), 10) and self.child.running():
+            if wait_for(lambda: not self.child.running() or answers(self.port), 60) and self.child.running():
                 return
             self.child.stop()
         raise StepFailed("the broker does not start")
@@ -133,9 +135,9 @@ class Cloud:
         self.child = Child("zxcloudd", [os.path.join(self.programs, "zxcloudd"), "--config", config_file],
                            os.path.join(self.folder, "zxcloudd.log"))
         run_file = os.path.join(self.state, "zxcloudd.json")
-        if not wait_for(lambda: not self.child.running() or os.path.exists(run_file), 15) or not self.child.running():
+        if not wait_for(lambda: not self.child.running() or os.path.exists(run_file), 60) or not self.child.running():
             raise StepFailed("zxcloudd does not start")
-        if not wait_for(lambda: self.status().get("broker_connected") is True, 15):
+        if not wait_for(lambda: self.status().get("broker_connected") is True, 60):
             raise StepFailed("zxcloudd does not reach the broker")
 
     def agent_address(self):

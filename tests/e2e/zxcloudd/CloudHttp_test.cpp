@@ -91,7 +91,7 @@ class CRawClient {
     address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
     address.sin_port = htons(static_cast<uint16_t>(std::stoi(strUrl.substr(strUrl.rfind(':') + 1))));
     EXPECT_EQ(connect(m_iSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address)), 0);
-    const timeval timeout{10, 0};
+    const timeval timeout{30, 0};
     setsockopt(m_iSocket, SOL_SOCKET, SO_RCVTIMEO, &timeout, sizeof(timeout));
   }
   ~CRawClient() { close(m_iSocket); }

@@ -96,7 +96,7 @@ void CCloudRig::StartBroker() {
                               Path("broker/") + "\n"));
     ASSERT_TRUE(
         m_broker.Start({"/usr/sbin/mosquitto", "-c", Path("broker/mosquitto.conf")}, Path("broker.log")));
-    if (EventuallyTrue([this] { return !m_broker.Running() || PortAnswers(m_iBrokerPort); }) &&
+    if (Eventually([this] { return !m_broker.Running() || PortAnswers(m_iBrokerPort); }) &&
         m_broker.Running())
       return;
     m_iBrokerPort = 0;
@@ -121,14 +121,14 @@ void CCloudRig::StartCloud(uint64_t u64FileLimit) {
   m_home.Remove("state/zxcloudd.json");  // a killed daemon leaves it
   ASSERT_TRUE(
       m_cloud.Start({ZXCLOUDD_BINARY, "--config", Path("cloud.json")}, Path("cloud.log"), u64FileLimit));
-  ASSERT_TRUE(EventuallyTrue([this] { return !m_cloud.Running() || m_home.Exists("state/zxcloudd.json"); }));
+  ASSERT_TRUE(Eventually([this] { return !m_cloud.Running() || m_home.Exists("state/zxcloudd.json"); }));
   ASSERT_TRUE(m_cloud.Running());
   const std::string strRun = m_home.ReadFile("state/zxcloudd.json").Str();
   m_strAgentUrl = JsonText(strRun, "agent_url");
   m_strOpUrl = JsonText(strRun, "operator_url");
   m_strToken = m_home.ReadFile("state/operator.token").Str();
   m_strToken.erase(m_strToken.find('\n'));
-  ASSERT_TRUE(EventuallyTrue([this] {
+  ASSERT_TRUE(Eventually([this] {
     return !m_broker.Running() || JsonText(Op("/op/v1/status").strBody, "broker_connected") == "true";
   }));
 }
@@ -142,7 +142,7 @@ _HttpAnswer CCloudRig::Https(const _Request& request) const {
   _Feed feed{request.pstrBody};
   curl_easy_setopt(pCurl, CURLOPT_URL, (m_strAgentUrl + request.strPath).c_str());
   curl_easy_setopt(pCurl, CURLOPT_CAINFO, Path("cert/ca.pem").c_str());
-  curl_easy_setopt(pCurl, CURLOPT_TIMEOUT_MS, 10000L);
+  curl_easy_setopt(pCurl, CURLOPT_TIMEOUT_MS, 30000L);
   curl_easy_setopt(pCurl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(pCurl, CURLOPT_WRITEFUNCTION, &Append);
   curl_easy_setopt(pCurl, CURLOPT_WRITEDATA, &answer.strBody);
@@ -206,7 +206,7 @@ _HttpAnswer CCloudRig::Op(const std::string& strPath, const std::string& strPost
   curl_slist* pHeaders =
       bToken ? curl_slist_append(nullptr, ("Authorization: Bearer " + m_strToken).c_str()) : nullptr;
   curl_easy_setopt(pCurl, CURLOPT_URL, (m_strOpUrl + strPath).c_str());
-  curl_easy_setopt(pCurl, CURLOPT_TIMEOUT_MS, 10000L);
+  curl_easy_setopt(pCurl, CURLOPT_TIMEOUT_MS, 30000L);
   curl_easy_setopt(pCurl, CURLOPT_NOSIGNAL, 1L);
   curl_easy_setopt(pCurl, CURLOPT_WRITEFUNCTION, &Append);
   curl_easy_setopt(pCurl, CURLOPT_WRITEDATA, &answer.strBody);

@@ -31,12 +31,12 @@ TEST_F(CCloudd, Push_ReachesTheAgent_AndItsAcknowledgementIsRecognised) {
   StartCloud();
   const auto pAgent = MakeAgent();
   ASSERT_TRUE(pAgent->Connect());
-  ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 1; }));
+  ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 1; }));
   const std::string strText = PushCommand(kMid, "demo-1");
   EXPECT_EQ(pAgent->WaitPush(strText), "zx/v1/" + kMid + "/push/1001");
-  EXPECT_TRUE(EventuallyTrue([&] { return State("demo-1") == "pushed"; }));
+  EXPECT_TRUE(Eventually([&] { return State("demo-1") == "pushed"; }));
   ASSERT_TRUE(pAgent->Upload("u-1", Ack("demo-1", 3)));
-  EXPECT_TRUE(EventuallyTrue([&] { return State("demo-1") == "acked"; }));
+  EXPECT_TRUE(Eventually([&] { return State("demo-1") == "acked"; }));
   const std::string strTrace = Op("/op/v1/trace/demo-1").strBody;
   for (const char* psz : {"created", "published", "pushed", "acked", "\"msg_type\":3"})
     EXPECT_THAT(strTrace, HasSubstr(psz));
@@ -47,16 +47,16 @@ TEST_F(CCloudd, Push_WaitsForTheMachine_WhenItIsOffline) {
   {
     const auto pAgent = MakeAgent();
     ASSERT_TRUE(pAgent->Connect());
-    ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 1; }));
+    ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 1; }));
     pAgent->Disconnect(true);
   }
-  ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 0; }));
+  ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 0; }));
   const std::string strText = PushCommand(kMid, "later", "push");
   EXPECT_EQ(State("later"), "queued");
   const auto pAgent = MakeAgent();
   ASSERT_TRUE(pAgent->Connect());
   EXPECT_NE(pAgent->WaitPush(strText), "");
-  EXPECT_TRUE(EventuallyTrue([&] { return State("later") == "pushed"; }));
+  EXPECT_TRUE(Eventually([&] { return State("later") == "pushed"; }));
   EXPECT_EQ(pAgent->Pushes(strText), 1u);
 }
 
@@ -64,13 +64,13 @@ TEST_F(CCloudd, Push_ManyCommands_ArriveOnceInOrderOfTheWindow) {
   StartCloud();
   const auto pAgent = MakeAgent();
   ASSERT_TRUE(pAgent->Connect());
-  ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 1; }));
+  ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 1; }));
   std::vector<std::string> listTexts;
   for (int i = 0; i < 200; ++i)
     listTexts.push_back(PushCommand(kMid, "n" + std::to_string(i)));
   for (const std::string& strText : listTexts)
     ASSERT_NE(pAgent->WaitPush(strText), "") << strText;
-  EXPECT_TRUE(EventuallyTrue([&] { return StatusNumber("commands", "pushed") == 200; }));
+  EXPECT_TRUE(Eventually([&] { return StatusNumber("commands", "pushed") == 200; }));
   for (const std::string& strText : listTexts)
     EXPECT_EQ(pAgent->Pushes(strText), 1u);
 }
@@ -79,9 +79,9 @@ TEST_F(CCloudd, Will_MarksTheMachineOffline_WhenItDies) {
   StartCloud();
   const auto pAgent = MakeAgent();
   ASSERT_TRUE(pAgent->Connect());
-  ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 1; }));
+  ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 1; }));
   ASSERT_TRUE(pAgent->Publish("status", "{\"online\":0}", true));
-  EXPECT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 0; }));
+  EXPECT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 0; }));
 }
 
 TEST_F(CCloudd, Upload_SameIdTwice_IsStoredOnce_OnBothWays) {
@@ -92,7 +92,7 @@ TEST_F(CCloudd, Upload_SameIdTwice_IsStoredOnce_OnBothWays) {
   EXPECT_EQ(Upload(kMid, "u-1", UploadText(kMid, "x")).iStatus, 200);
   ASSERT_TRUE(pAgent->Upload("u-1", UploadText(kMid, "x")));
   ASSERT_TRUE(pAgent->Upload("u-2", UploadText(kMid, "y")));
-  EXPECT_TRUE(EventuallyTrue([&] { return StatusNumber("uploads", "received") == 2; }));
+  EXPECT_TRUE(Eventually([&] { return StatusNumber("uploads", "received") == 2; }));
   EXPECT_EQ(StatusNumber("uploads", "repeats"), 2);
 }
 
@@ -104,7 +104,7 @@ TEST_F(CCloudd, Poll_OffersAgainUntilAcknowledged) {
   const std::string strText = PushCommand(kMid, "p-1", "poll");
   EXPECT_THAT(Poll(kMid, bOk), ElementsAre(strText));
   EXPECT_TRUE(Poll(kMid, bOk).empty()) << "not again before the interval is over";
-  EXPECT_TRUE(EventuallyTrue([&] { return Poll(kMid, bOk).size() == 1; }));
+  EXPECT_TRUE(Eventually([&] { return Poll(kMid, bOk).size() == 1; }));
   EXPECT_EQ(Upload(kMid, "u-1", Ack("p-1", 4)).iStatus, 200);
   EXPECT_EQ(State("p-1"), "refused");
 }
@@ -113,7 +113,7 @@ TEST_F(CCloudd, Kill_LosesNoUploadThatWasAcknowledged) {
   StartCloud();
   const auto pAgent = MakeAgent();
   ASSERT_TRUE(pAgent->Connect());
-  ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 1; }));
+  ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 1; }));
   // Over the broker: whatever it acknowledged must arrive, however often the cloud dies.
   int iSent = 0;
   for (int iRound = 0; iRound < 3; ++iRound) {
@@ -124,7 +124,7 @@ TEST_F(CCloudd, Kill_LosesNoUploadThatWasAcknowledged) {
     }
     StartCloud();
   }
-  EXPECT_TRUE(EventuallyTrue([&] { return StatusNumber("uploads", "received") == iSent; }))
+  EXPECT_TRUE(Eventually([&] { return StatusNumber("uploads", "received") == iSent; }))
       << StatusNumber("uploads", "received") << " of " << iSent;
   // Over HTTPS: a 200 means that it is on disk.
   for (int i = 0; i < 20; ++i)
@@ -139,9 +139,9 @@ TEST_F(CCloudd, Kill_CommandsThatTheBrokerDidNotAcknowledge_GoOutAgain) {
   {
     const auto pAgent = MakeAgent();
     ASSERT_TRUE(pAgent->Connect());
-    ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 1; }));
+    ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 1; }));
     pAgent->Disconnect(true);
-    ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 0; }));
+    ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 0; }));
   }
   const std::string strText = PushCommand(kMid, "k-1");
   m_cloud.Stop(SIGKILL);
@@ -155,7 +155,7 @@ TEST_F(CCloudd, FullDisk_LeavesUploadsUnacknowledged_UntilThereIsRoom) {
   StartCloud(1 << 30);  // with the signal of a passed limit ignored, so that writing fails
   const auto pAgent = MakeAgent();
   ASSERT_TRUE(pAgent->Connect());
-  ASSERT_TRUE(EventuallyTrue([&] { return StatusNumber("agents", "online") == 1; }));
+  ASSERT_TRUE(Eventually([&] { return StatusNumber("agents", "online") == 1; }));
   const auto limitFiles = [&](rlim_t uBytes) {
     const rlimit limit{uBytes, RLIM_INFINITY};
     return prlimit(m_cloud.Pid(), RLIMIT_FSIZE, &limit, nullptr) == 0;
@@ -167,7 +167,7 @@ TEST_F(CCloudd, FullDisk_LeavesUploadsUnacknowledged_UntilThereIsRoom) {
   EXPECT_EQ(Https({"/v1/health", nullptr, {}, "", "", ""}).iStatus, 503);
   EXPECT_EQ(StatusNumber("uploads", "received"), 0);
   ASSERT_TRUE(limitFiles(RLIM_INFINITY));
-  EXPECT_TRUE(EventuallyTrue([&] { return StatusNumber("uploads", "received") == 20; }, 30000))
+  EXPECT_TRUE(Eventually([&] { return StatusNumber("uploads", "received") == 20; }))
       << StatusNumber("uploads", "received") << " of 20";
   EXPECT_EQ(Upload(kMid, "h-1", UploadText(kMid, "x")).iStatus, 200);
   EXPECT_EQ(Https({"/v1/health", nullptr, {}, "", "", ""}).iStatus, 200);
@@ -178,7 +178,7 @@ TEST_F(CCloudd, Broker_GoesAndComesBack) {
   bool bOk = false;
   EXPECT_TRUE(Poll(kMid, bOk).empty());
   m_broker.Stop(SIGKILL);
-  ASSERT_TRUE(EventuallyTrue(
+  ASSERT_TRUE(Eventually(
       [&] { return Op("/op/v1/status").strBody.find("\"broker_connected\":false") != std::string::npos; }));
   const std::string strText = PushCommand(kMid, "b-1");
   StartBroker();
@@ -192,7 +192,7 @@ TEST_F(CCloudd, Broker_MayBeAwayAtStart) {
   StartCloud();
   EXPECT_EQ(Upload(kMid, "u-1", UploadText(kMid, "x")).iStatus, 200);
   StartBroker();
-  EXPECT_TRUE(EventuallyTrue(
+  EXPECT_TRUE(Eventually(
       [&] { return Op("/op/v1/status").strBody.find("\"broker_connected\":true") != std::string::npos; }));
 }
 

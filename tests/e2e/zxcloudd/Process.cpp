@@ -76,7 +76,7 @@ int CProcess::Stop(int iSignal) {
     return -1;
   int iStatus = -1;
   kill(m_iPid, iSignal);
-  if (!EventuallyTrue([&] { return waitpid(m_iPid, &iStatus, WNOHANG) == m_iPid; })) {
+  if (!EventuallyTrue([&] { return waitpid(m_iPid, &iStatus, WNOHANG) == m_iPid; }, kE2eDeadlineMs)) {
     kill(m_iPid, SIGKILL);
     waitpid(m_iPid, nullptr, 0);
     iStatus = -1;

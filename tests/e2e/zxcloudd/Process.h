@@ -3,8 +3,17 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
+
+#include "support/Waiter.h"
+
+// Whole processes on a machine that compiles as well.
+inline constexpr uint32_t kE2eDeadlineMs = 40000;
+inline bool Eventually(const std::function<bool()>& fnCondition) {
+  return EventuallyTrue(fnCondition, kE2eDeadlineMs);
+}
 
 class CProcess {
  public:

@@ -4,7 +4,7 @@
 
 #include <chrono>
 
-#include "support/Waiter.h"
+#include "Process.h"
 
 namespace {
 const bool g_bLibrary = mosquitto_lib_init() == MOSQ_ERR_SUCCESS;
@@ -30,7 +30,7 @@ CTestAgent::~CTestAgent() {
 template <class F>
 bool CTestAgent::Wait(F fnDone) {
   std::unique_lock<std::mutex> lock(m_mutex);
-  return m_cond.wait_for(lock, std::chrono::milliseconds(kTestDeadlineMs), fnDone);
+  return m_cond.wait_for(lock, std::chrono::milliseconds(kE2eDeadlineMs), fnDone);
 }
 
 bool CTestAgent::Connect() {
