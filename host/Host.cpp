@@ -84,7 +84,7 @@ void CHost::BeginStop(const char* pszWhy) {
   if (m_bStopping)
     return;
   m_bStopping = true;
-  m_u64StopDeadlineMs = ZxGetTickCount() + m_config.uiStopTimeoutSec * 1000u;
+  m_u64StopDeadlineMs = ZxGetTickCount() + uint64_t{m_config.uiStopTimeoutSec} * 1000;
   ArmAlarm(m_config.uiStopTimeoutSec + kAlarmGraceSec);
   LogInfoTo(g_hHostLog, "zxhost stopping why[%s] stop_timeout_sec[%u]", pszWhy, m_config.uiStopTimeoutSec);
   NotifyStopping();
