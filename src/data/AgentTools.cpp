@@ -57,8 +57,10 @@ int CAgentTools::CreateDirectory(CPString strPath, int iMode) {
   const int iRet = mkdir(strPath.c_str(), mode);
   const int iError = errno;
   chmod(strPath.c_str(), mode);  // the umask may have taken bits away
+  // Another thread may have made it meanwhile.
+  const bool bThere = iRet == 0 || (iError == EEXIST && access(strPath.c_str(), F_OK) == 0);
   errno = iError;
-  return iRet == 0 || iError == EEXIST ? 1 : 0;  // another thread may have made it meanwhile
+  return bThere ? 1 : 0;
 }
 
 bool CAgentTools::IsFileName(const CPString& strName) {
