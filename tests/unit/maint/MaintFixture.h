@@ -12,10 +12,10 @@
 #include <string>
 #include <vector>
 
-#include "data/AgentHub.h"
 #include "data/AgentThreads.h"
 #include "maint/AgentMaint.h"
 #include "platform/os/ZxEvent.h"
+#include "support/FakeHub.h"
 #include "support/FileTree.h"
 #include "support/MainLog.h"
 #include "support/TempHome.h"
@@ -24,66 +24,25 @@
 inline constexpr uint32_t kReaderPauseMs = 1000;
 inline constexpr uint32_t kStopPauseMs = 300;
 
-// Takes the results that the reader uploads.
-class CUploadHub final : public IAgentHub {
+// Takes the results that the reader uploads; a hook may answer, block or throw.
+class CUploadHub final : public CFakeHub {
  public:
-  struct _Upload {
-    unsigned long long u64DataId = 0;
-    CPString strProduct;
-    CPString strCombo;
-    int iPriv = 0;
-    int iMsgType = 0;
-    CPString strMsg;
-  };
-
-  CUploadHub() : m_pPrevious(SetAgentHub(this)) {}
-  ~CUploadHub() { SetAgentHub(m_pPrevious); }
-  CUploadHub(const CUploadHub&) = delete;
-  CUploadHub& operator=(const CUploadHub&) = delete;
-
-  void SetHook(std::function<uint32_t()> fnHook) { m_fnHook = std::move(fnHook); }  // before the reader runs
-  std::vector<_Upload> Uploads() const {
-    std::lock_guard<std::mutex> lock(m_mutex);
-    return m_uploads;
-  }
+  void SetUploadHook(std::function<uint32_t()> fnHook) { m_fnHook = std::move(fnHook); }  // before it is used
   std::vector<std::string> Texts() const {
     std::vector<std::string> texts;
-    for (const _Upload& upload : Uploads())
+    for (const _UploadedText& upload : Uploads())
       texts.push_back(upload.strMsg.Str());
     return texts;
   }
 
   uint32_t ZxcloudSendMsg(unsigned long long u64DataId, const CPString& strProduct, const CPString& strCombo,
                           int iPriv, int iMsgType, const CPString& strMsg) override {
-    {
-      std::lock_guard<std::mutex> lock(m_mutex);
-      m_uploads.push_back({u64DataId, strProduct, strCombo, iPriv, iMsgType, strMsg});
-    }
-    return m_fnHook ? m_fnHook() : 0;
-  }
-  uint32_t RecvMsgResultsFromTaskMgr(_SendTaskMgrData*) override { return Unexpected(); }
-  int IsConnect() override { return 1; }
-  uint32_t SendLogCacheResult(int, unsigned long long, int, int, CPString, CPString) override {
-    return Unexpected();
-  }
-  uint32_t SendTaskMgrResult(int, unsigned long long, int, int, CPString, CPString) override {
-    return Unexpected();
-  }
-  int SendPushMsgData(unsigned long long, const CPString&, const CPString&, const CPString&, const CPString&,
-                      const CPString&) override {
-    return static_cast<int>(Unexpected());
+    const uint32_t uiRet = CFakeHub::ZxcloudSendMsg(u64DataId, strProduct, strCombo, iPriv, iMsgType, strMsg);
+    return m_fnHook ? m_fnHook() : uiRet;
   }
 
  private:
-  static uint32_t Unexpected() {
-    ADD_FAILURE() << "not for maintenance";
-    return 0;
-  }
-
-  IAgentHub* m_pPrevious;
   std::function<uint32_t()> m_fnHook;
-  mutable std::mutex m_mutex;
-  std::vector<_Upload> m_uploads;
 };
 
 // The pauses of the maintenance part. The reader's pauses (one second) wait for permits; the stop wait's

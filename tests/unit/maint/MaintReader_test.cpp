@@ -22,7 +22,7 @@ TEST_F(MaintReader, UploadsAndDeletesResults) {
   Result("b.json", std::string("bin\0ary", 7));
   Spool();
   ASSERT_TRUE(WaitScans(1));
-  const std::vector<CUploadHub::_Upload> uploads = m_hub.Uploads();
+  const std::vector<_UploadedText> uploads = m_hub.Uploads();
   ASSERT_THAT(uploads, SizeIs(2));
   for (size_t u = 0; u < uploads.size(); ++u) {
     EXPECT_EQ(uploads[u].u64DataId, u + 1);
@@ -66,14 +66,14 @@ TEST_F(MaintReader, NumbersResults_FromItsStart) {
   Spool();
   ASSERT_TRUE(m_pauses.WaitReader(uPauses + 1));
   std::vector<unsigned long long> ids;
-  for (const CUploadHub::_Upload& upload : m_hub.Uploads())
+  for (const _UploadedText& upload : m_hub.Uploads())
     ids.push_back(upload.u64DataId);
   EXPECT_THAT(ids, ElementsAre(1, 2, 3, 1)) << "the last by a reader of its own";
   EXPECT_THAT(m_hub.Texts(), ElementsAre("1", "2", "3", "4"));
 }
 
 TEST_F(MaintReader, DeletesAResult_WhenItsUploadFails) {
-  m_hub.SetHook([] { return 0xB0010026u; });
+  m_hub.SetUploadHook([] { return 0xB0010026u; });
   Result("a.json", "1");
   Spool();
   ASSERT_TRUE(WaitScans(1));
@@ -167,7 +167,7 @@ TEST_F(MaintReader, Ends_WithoutAnObject) {
 
 TEST_F(MaintReader, GoesOn_WhenAnUploadRunsOutOfMemory) {
   std::atomic<int> iCalls{0};
-  m_hub.SetHook([&iCalls]() -> uint32_t {
+  m_hub.SetUploadHook([&iCalls]() -> uint32_t {
     if (++iCalls == 1)
       throw std::bad_alloc();
     return 0;
@@ -239,7 +239,7 @@ TEST_F(MaintReader, Uninit_MayMeetACommand) {
 TEST_F(MaintReader, Uninit_CancelsAReaderThatDoesNotEnd) {
   const HZxEvent hNever = ZxCreateEvent();
   CEventWaiter entered;
-  m_hub.SetHook([&] {
+  m_hub.SetUploadHook([&] {
     entered.Set();
     ZxWaitEvent(hNever);
     return 0u;
@@ -257,7 +257,7 @@ TEST_F(MaintReader, Uninit_CancelsAReaderThatDoesNotEnd) {
 
   // The next script starts a reader again.
   Init();
-  m_hub.SetHook(nullptr);
+  m_hub.SetUploadHook(nullptr);
   const uint32_t uPauses = m_pauses.ReaderPauses();
   Spool();
   EXPECT_TRUE(m_pauses.WaitReader(uPauses + 1));
