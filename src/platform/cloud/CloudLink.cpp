@@ -61,7 +61,7 @@ CCloudLink::CCloudLink(const zxcloud_record& record, _CloudConfig config, _Cloud
               {m_config.listTconf, record.channel_id == nullptr ? "" : record.channel_id,
                m_config.bPlainLoopback}),
       m_options(std::move(options)) {
-  m_log.SetDebug(Options().bAllowDebug);
+  m_log.SetDebug(m_options.bAllowDebug);
 }
 
 CCloudLink::~CCloudLink() {

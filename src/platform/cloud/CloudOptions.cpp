@@ -70,13 +70,20 @@ bool _CloudOptions::Merge(std::string_view svText) {
 }
 
 std::string _CloudOptions::Text() const {
-  std::string strText =
-      "mid=" + strMid + ":m2=" + strMid2 + ":platid=" + strPlatId + ":localip=" + strLocalIp;
-  strText += bTcpDisable ? ":cloudtcp_disable=1" : ":cloudtcp_disable=0";
-  strText += bHbDisable ? ":disable_hb=1" : ":disable_hb=0";
-  strText += bAllowDebug ? ":allowdebug=1" : ":allowdebug=0";
+  std::string strText;
+  const auto Append = [&strText](std::string_view svKey, std::string_view svValue) {
+    strText.append(strText.empty() ? "" : ":").append(svKey).append("=").append(svValue);
+  };
+  const auto Flag = [](bool bFlag) { return bFlag ? "1" : "0"; };
+  Append("mid", strMid);
+  Append("m2", strMid2);
+  Append("platid", strPlatId);
+  Append("localip", strLocalIp);
+  Append("cloudtcp_disable", Flag(bTcpDisable));
+  Append("disable_hb", Flag(bHbDisable));
+  Append("allowdebug", Flag(bAllowDebug));
   for (const auto& [strKey, strValue] : mapOther)
-    strText += ":" + strKey + "=" + strValue;
+    Append(strKey, strValue);
   return strText;
 }
 

@@ -54,7 +54,7 @@ CMosquittoTransport::CMosquittoTransport(const _TlsSettings& tls, IMqttEvents& e
 }
 
 CMosquittoTransport::~CMosquittoTransport() {
-  Close(false);
+  CMosquittoTransport::Close(false);
 }
 
 bool CMosquittoTransport::Configure(std::string& strError) {
