@@ -41,6 +41,10 @@ CAgentFixture::CAgentFixture() {
 }
 
 CAgentFixture::~CAgentFixture() {
+  for (const _BusCall& call : HandOffs()) {
+    if (m_hLib != nullptr && m_completed.count(call.ui64ACT) == 0)
+      Complete(call, kBusErrAborted);
+  }
   if (m_pObj != nullptr && (m_pObj->pfnGetStatus() == 2 || m_pObj->pfnGetStatus() == 1))
     StopAgent();
   if (m_hLib != nullptr)
@@ -112,6 +116,11 @@ void CAgentFixture::Settle() {
   EXPECT_TRUE(m_log.WaitFor("*zxagent CAgentMgr::ZxcloudData Error iFlag[99] lpszMsg[" + strMark + "]"));
 }
 
+void CAgentFixture::Complete(const _BusCall& call, uint32_t uiStatus, const std::string& strResponse) {
+  m_completed.insert(call.ui64ACT);
+  m_bus.Complete(call, uiStatus, strResponse);
+}
+
 std::vector<_BusCall> CAgentFixture::HandOffs() const {
   std::vector<_BusCall> calls;
   for (const _BusCall& call : m_bus.Calls(EBusCall::AsynSendEx)) {
@@ -138,7 +147,7 @@ void CAgentFixture::ExpectNextCommandWorks(const std::string& strId) {
   const size_t uBefore = HandOffs().size();
   Push(kPcidSample, PushText(strId, "disk_usage"));
   ASSERT_EQ(HandOffs().size(), uBefore + 1);
-  m_bus.Complete(HandOffs().back(), 0);
+  Complete(HandOffs().back(), 0);
   EXPECT_TRUE(Acknowledged(strId, 3));
 }
 

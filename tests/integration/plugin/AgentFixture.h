@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <set>
 #include <string>
 #include <vector>
 
@@ -43,6 +44,9 @@ class CAgentFixture : public testing::Test {
   void Poll(const std::string& strEnvelope);
   void Settle();
 
+  // A component's answer, once per hand-off. What a test leaves unanswered is completed by the bus at the
+  // end.
+  void Complete(const _BusCall& call, uint32_t uiStatus, const std::string& strResponse = std::string());
   std::vector<_BusCall> HandOffs() const;  // type 20001 to the task manager
   std::vector<std::string> Sent() const;   // texts of zxcloud_send
   bool Acknowledged(const std::string& strId, int iMsgType) const;
@@ -50,6 +54,7 @@ class CAgentFixture : public testing::Test {
   void ExpectNextCommandWorks(const std::string& strId = "next-good");
 
   CTempHome m_home;
+  std::set<unsigned long long> m_completed;  // tokens of hand-offs that had their completion
   CFakeBus m_bus;
   CLogCapture m_log;
   void* m_hLib = nullptr;

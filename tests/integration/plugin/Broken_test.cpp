@@ -99,7 +99,7 @@ TEST_F(CAgentFixture, Push_IdOf200BytesIsAccepted) {
   const std::string strId(200, 'i');
   Push(kPcidSample, PushText(strId, "disk_usage"));
   ASSERT_EQ(HandOffs().size(), 1u);
-  m_bus.Complete(HandOffs()[0], 0);
+  Complete(HandOffs()[0], 0);
   EXPECT_TRUE(Acknowledged(strId, 3));
 }
 

@@ -20,7 +20,7 @@ TEST_F(CAgentFixture, Push_ReachesTheTaskManagerWithTheHandOffText) {
 TEST_F(CAgentFixture, Push_IsAcknowledgedOnceTheComponentAnswered) {
   StartAgent();
   Push(kPcidSample, PushText("cmd-1", "disk_usage"));
-  m_bus.Complete(HandOffs().at(0), 0, "{}");
+  Complete(HandOffs().at(0), 0, "{}");
   ASSERT_EQ(Sent().size(), 1u);
   EXPECT_EQ(Sent()[0],
             "<mid=fake-mid><m2=fake-mid2><v=2><product=veltcwpp><combo=zxsample><ipartner=test-pin><pa=linux>"
@@ -32,7 +32,7 @@ TEST_F(CAgentFixture, Push_IsAcknowledgedOnceTheComponentAnswered) {
 TEST_F(CAgentFixture, Push_ComponentFailureIsNotAcknowledged) {
   StartAgent();
   Push(kPcidSample, PushText("cmd-1", "disk_usage"));
-  m_bus.Complete(HandOffs().at(0), 5);
+  Complete(HandOffs().at(0), 5);
   EXPECT_TRUE(Sent().empty());
   EXPECT_TRUE(m_log.Contains(
       "*zxagent pushmsg callback Error RecvMsgResultsFromTaskMgr u64DataId[1] iResult[5] ui64ACT["));
@@ -43,6 +43,7 @@ TEST_F(CAgentFixture, Push_BusRefusalIsNotAcknowledged) {
   StartAgent();
   m_bus.SetResult(EBusCall::AsynSendEx, 20001, kBusErrNoTarget);
   Push(kPcidSample, PushText("cmd-1", "disk_usage"));
+  m_completed.insert(HandOffs().at(0).ui64ACT);  // refused: there is no completion
   EXPECT_TRUE(Sent().empty());
   EXPECT_TRUE(m_log.Contains("**zxagent pushmsg Error AsynSendEx u64DataId[1] iRet[b0020002]"));
   m_bus.SetResult(EBusCall::AsynSendEx, 20001, 0);
