@@ -194,7 +194,7 @@ bool CSpool::Run(const std::string& strName) const {
     Complain("refused the name", strName);
     return false;
   }
-  const std::string strWork = m_strBase + "work";
+  const std::string strWork = m_strBase + "running";
   std::string strDir = strWork + "/run.XXXXXX";
   if ((mkdir(strWork.c_str(), kPrivateDirMode) != 0 && errno != EEXIST) ||
       chmod(strWork.c_str(), kPrivateDirMode) != 0 || mkdtemp(strDir.data()) == nullptr) {

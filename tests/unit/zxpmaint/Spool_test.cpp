@@ -151,7 +151,7 @@ TEST_F(Spool, RunsInAPrivateDirectory) {
   umask(maskBefore);
   const std::string strOut = Result("a.json", "stdout");
   const std::string strWork =
-      std::filesystem::canonical(m_home.Root().Str()).string() + "/data/zxpmaint/work/";
+      std::filesystem::canonical(m_home.Root().Str()).string() + "/data/zxpmaint/running/";
   EXPECT_EQ(strOut.substr(0, strWork.size()), strWork);
   const std::string strModes = strOut.substr(strOut.find('\n') + 1);
   EXPECT_EQ(strModes.substr(0, 8), "700\n700\n") << "the script's directory and the one it lies in";
@@ -160,10 +160,10 @@ TEST_F(Spool, RunsInAPrivateDirectory) {
 
 TEST_F(Spool, KeepsResultsPrivate) {
   Put("policyprocess/a.json", Command("echo secret"));
-  m_home.MakeDir("data/zxpmaint/work", 0777);
+  m_home.MakeDir("data/zxpmaint/running", 0777);
   EXPECT_TRUE(m_spool.Run("a.json"));
   EXPECT_EQ(m_home.Mode("data/zxpmaint/result/a.json"), 0600u);
-  EXPECT_EQ(m_home.Mode("data/zxpmaint/work"), 0700u);
+  EXPECT_EQ(m_home.Mode("data/zxpmaint/running"), 0700u);
 }
 
 TEST_F(Spool, ReplacesAnOlderResult) {
