@@ -50,7 +50,7 @@ CCloudLink::CCloudLink(const zxcloud_record& record, _CloudConfig config, _Cloud
       m_strIdPrefix(NewIdPrefix()),
       m_callbacks(record),
       m_log(m_callbacks),
-      m_outbox(m_config.uMaxQueueBytes),
+      m_outbox(m_config.uMaxQueueBytes, m_clock),
       m_http(HttpSettings()),
       m_long({m_times, m_clock, m_randomLong, m_outbox, m_waiters, m_callbacks, m_log,
               [this] { m_short.Wake(); }},
@@ -122,9 +122,9 @@ uint32_t CCloudLink::Accepts(std::string_view svData, int iPriority) const {
   return svData.size() > m_short.MaxMessage() ? uint32_t{kZxcloudErrTooLong} : 0;
 }
 
-uint32_t CCloudLink::Enqueue(std::string_view svData, int iPriority, uint64_t u64Seq) {
+uint32_t CCloudLink::Enqueue(std::string_view svData, int iPriority, uint64_t u64Seq, bool bWaited) {
   const CPString strCounter = CPString::Make("%" PRIx64, u64Seq);
-  if (!m_outbox.Add(MakeOutItem(u64Seq, iPriority, m_strIdPrefix + strCounter.Str(), svData)))
+  if (!m_outbox.Add(MakeOutItem(u64Seq, iPriority, m_strIdPrefix + strCounter.Str(), svData, bWaited)))
     return kZxcloudErrFull;
   if (m_long.IsUp())
     m_long.Wake();
@@ -136,7 +136,7 @@ uint32_t CCloudLink::Enqueue(std::string_view svData, int iPriority, uint64_t u6
 uint32_t CCloudLink::Send(std::string_view svData, int iPriority) {
   if (const uint32_t uiError = Accepts(svData, iPriority); uiError != 0)
     return uiError;
-  return Enqueue(svData, iPriority, ++m_u64LastSeq);
+  return Enqueue(svData, iPriority, ++m_u64LastSeq, false);
 }
 
 uint32_t CCloudLink::SendSync(std::string_view svData, int iPriority, uint32_t dwTimeoutMs) {
@@ -154,7 +154,7 @@ uint32_t CCloudLink::SendSync(std::string_view svData, int iPriority, uint32_t d
   };
   const uint64_t u64Seq = ++m_u64LastSeq;
   CWaiters::CWaiter waiter(m_waiters, u64Seq);
-  if (const uint32_t uiError = Enqueue(svData, iPriority, u64Seq); uiError != 0)
+  if (const uint32_t uiError = Enqueue(svData, iPriority, u64Seq, true); uiError != 0)
     return uiError;
   CGiveUp giveUp{m_outbox, u64Seq};
   const uint32_t uiResult = waiter.Wait(dwTimeoutMs, kZxcloudErrTimeout);

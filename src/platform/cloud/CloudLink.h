@@ -59,7 +59,7 @@ class CCloudLink : private IShortPeer {
   uint64_t LongDownSince() override { return m_long.DownSince(); }
   void WakeLong() override { m_long.Wake(); }
 
-  uint32_t Enqueue(std::string_view svData, int iPriority, uint64_t u64Seq);
+  uint32_t Enqueue(std::string_view svData, int iPriority, uint64_t u64Seq, bool bWaited);
   uint32_t Accepts(std::string_view svData, int iPriority) const;
   _HttpSettings HttpSettings() const;
   void ConfigureLong() TS_EXCLUDES(m_cs);

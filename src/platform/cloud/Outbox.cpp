@@ -1,5 +1,6 @@
 #include "platform/cloud/Outbox.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zxcloud {
@@ -37,10 +38,12 @@ int PriorityIndex(int iPriority) {
   return iPriority >= 10 && iPriority <= 13 ? iPriority - 10 + kGroup : -1;
 }
 
-TOutItem MakeOutItem(uint64_t u64Seq, int iPriority, std::string strId, std::string_view svBody) {
+std::shared_ptr<_OutItem> MakeOutItem(uint64_t u64Seq, int iPriority, std::string strId,
+                                      std::string_view svBody, bool bWaited) {
   auto pItem = std::make_shared<_OutItem>();
   pItem->u64Seq = u64Seq;
   pItem->iPriority = iPriority;
+  pItem->bWaited = bWaited;
   pItem->strWire.reserve(strId.size() + 5 + svBody.size());
   pItem->strWire.append("zx1 ").append(strId).append("\n");
   pItem->uBody = pItem->strWire.size();
@@ -49,55 +52,78 @@ TOutItem MakeOutItem(uint64_t u64Seq, int iPriority, std::string strId, std::str
   return pItem;
 }
 
-CMemoryOutbox::CMemoryOutbox(size_t uMaxBytes) : m_uMaxBytes(uMaxBytes) {}
+CMemoryOutbox::CMemoryOutbox(size_t uMaxBytes, IClock& clock) : m_uMaxBytes(uMaxBytes), m_clock(clock) {}
 
-bool CMemoryOutbox::Add(TOutItem pItem) {
+CMemoryOutbox::TQueue& CMemoryOutbox::QueueOf(const _OutItem& item) {
+  const auto uIndex = static_cast<size_t>(PriorityIndex(item.iPriority));
+  const auto uLane = static_cast<size_t>(LaneOf(item.Body().size()));
+  return m_queues[uIndex][uLane * 2 + (item.bWaited ? 1 : 0)];
+}
+
+bool CMemoryOutbox::Add(std::shared_ptr<_OutItem> pItem) {
   const int iIndex = PriorityIndex(pItem->iPriority);
   if (iIndex < 0)
     return false;
   const size_t uBound = IsUrgent(iIndex) ? m_uMaxBytes : m_uMaxBytes - m_uMaxBytes / kReservePart;
   const size_t uCost = Cost(*pItem);
+  pItem->u64Added = m_clock.NowMs();
   CCritLock lock(m_cs);
   if (m_uBytes + uCost > uBound)
     return false;
   const uint64_t u64Seq = pItem->u64Seq;
-  m_queues[static_cast<size_t>(iIndex)].emplace(u64Seq, std::move(pItem));
+  TQueue& queue = QueueOf(*pItem);
+  queue.emplace_hint(queue.end(), u64Seq, std::move(pItem));
   m_uBytes += uCost;
   ++m_uWaiting;
   return true;
 }
 
-int CMemoryOutbox::FirstOf(int iFrom) const {
+// The queue of a priority whose first entry is the oldest that the room admits; null: none.
+CMemoryOutbox::TQueue* CMemoryOutbox::OldestOf(int iIndex, const _OutRoom& room) {
+  TQueue* pOldest = nullptr;
+  for (size_t u = 0; u < m_queues[0].size(); ++u) {
+    TQueue& queue = m_queues[static_cast<size_t>(iIndex)][u];
+    const bool bAdmitted = (room.eLane == ELane::Any || u / 2 == static_cast<size_t>(room.eLane)) &&
+                           (!room.bWaitedOnly || u % 2 == 1);
+    if (bAdmitted && !queue.empty() && (pOldest == nullptr || queue.begin()->first < pOldest->begin()->first))
+      pOldest = &queue;
+  }
+  return pOldest;
+}
+
+int CMemoryOutbox::FirstOf(int iFrom, const _OutRoom& room) {
   for (int i = iFrom; i < iFrom + kGroup; ++i) {
-    if (!m_queues[static_cast<size_t>(i)].empty())
+    if (OldestOf(i, room) != nullptr)
       return i;
   }
   return -1;
 }
 
-int CMemoryOutbox::NextQueue() const {
-  const int iFirst = FirstOf(0);
-  const int iSecond = FirstOf(kGroup);
+int CMemoryOutbox::NextPriority(const _OutRoom& room) {
+  const int iFirst = FirstOf(0, room);
+  const int iSecond = FirstOf(kGroup, room);
   if (iFirst < 0 || iSecond < 0)
     return iFirst < 0 ? iSecond : iFirst;
-  return m_uTurn % kSecondGroupTurn == kSecondGroupTurn - 1 ? iSecond : iFirst;
+  const uint32_t uTurn = m_uTurns[static_cast<size_t>(room.eLane)];
+  return uTurn % kSecondGroupTurn == kSecondGroupTurn - 1 ? iSecond : iFirst;
 }
 
 TOutItem CMemoryOutbox::Take(const _OutRoom& room) {
   CCritLock lock(m_cs);
+  if (m_uWaiting == 0)
+    return nullptr;
   // An urgent entry may use room that the one whose turn it is may not.
-  for (const int iIndex : {NextQueue(), 0, kGroup}) {
+  for (const int iIndex : {NextPriority(room), 0, kGroup}) {
     if (iIndex < 0)
       return nullptr;
-    TQueue& queue = m_queues[static_cast<size_t>(iIndex)];
-    const auto it = queue.begin();
-    if (it == queue.end() || !Fits(*it->second, iIndex, room))
+    TQueue* pQueue = OldestOf(iIndex, room);
+    if (pQueue == nullptr || !Fits(*pQueue->begin()->second, iIndex, room))
       continue;
-    TOutItem pItem = it->second;
+    TOutItem pItem = std::move(pQueue->begin()->second);
+    pQueue->erase(pQueue->begin());
     m_mapTaken.emplace(pItem->u64Seq, _Taken{pItem, false});
-    queue.erase(it);
     --m_uWaiting;
-    ++m_uTurn;
+    ++m_uTurns[static_cast<size_t>(room.eLane)];
     return pItem;
   }
   return nullptr;
@@ -124,8 +150,8 @@ void CMemoryOutbox::Return(uint64_t u64Seq) {
     m_uBytes -= Cost(*pItem);
     return;
   }
-  const auto uIndex = static_cast<size_t>(PriorityIndex(pItem->iPriority));
-  m_queues[uIndex].emplace(u64Seq, std::move(pItem));
+  TQueue& queue = QueueOf(*pItem);
+  queue.emplace(u64Seq, std::move(pItem));
   ++m_uWaiting;
 }
 
@@ -135,12 +161,14 @@ void CMemoryOutbox::Cancel(uint64_t u64Seq) {
     it->second.bCancelled = true;
     return;
   }
-  for (TQueue& queue : m_queues) {
-    if (const auto it = queue.find(u64Seq); it != queue.end()) {
-      m_uBytes -= Cost(*it->second);
-      --m_uWaiting;
-      queue.erase(it);
-      return;
+  for (TQueues& queues : m_queues) {
+    for (TQueue& queue : queues) {
+      if (const auto it = queue.find(u64Seq); it != queue.end()) {
+        m_uBytes -= Cost(*it->second);
+        --m_uWaiting;
+        queue.erase(it);
+        return;
+      }
     }
   }
 }
@@ -153,6 +181,21 @@ size_t CMemoryOutbox::Waiting() {
 size_t CMemoryOutbox::Bytes() {
   CCritLock lock(m_cs);
   return m_uBytes;
+}
+
+_OutboxState CMemoryOutbox::State() {
+  const uint64_t u64Now = m_clock.NowMs();
+  CCritLock lock(m_cs);
+  uint64_t u64Oldest = u64Now;
+  for (const TQueues& queues : m_queues) {
+    for (const TQueue& queue : queues) {
+      if (!queue.empty())
+        u64Oldest = std::min(u64Oldest, queue.begin()->second->u64Added);
+    }
+  }
+  for (const auto& [u64Seq, taken] : m_mapTaken)
+    u64Oldest = std::min(u64Oldest, taken.pItem->u64Added);
+  return {m_uWaiting, m_uWaiting + m_mapTaken.size(), m_uBytes, u64Now - u64Oldest};
 }
 
 }  // namespace zxcloud

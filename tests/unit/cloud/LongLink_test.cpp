@@ -55,7 +55,7 @@ class CLongLinkTest : public ::testing::Test {
   _LinkTimes m_times;
   CFakeClock m_clock;
   CFakeRandom m_random;
-  CMemoryOutbox m_outbox{64u << 20};
+  CMemoryOutbox m_outbox{64u << 20, m_clock};
   CWaiters m_waiters;
   CCallbacks m_callbacks;
   CCloudLog m_log{m_callbacks};

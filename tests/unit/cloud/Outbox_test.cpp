@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "CloudFakes.h"
+
 using namespace zxcloud;
 using ::testing::ElementsAre;
 
@@ -10,7 +12,12 @@ namespace {
 
 class COutboxTest : public ::testing::Test {
  protected:
-  static _OutRoom Wide() { return {1000, 1u << 30, 0, 0, false}; }
+  static _OutRoom Wide() {
+    _OutRoom room;
+    room.uMessages = 1000;
+    room.uBytes = 1u << 30;
+    return room;
+  }
   bool Add(int iPriority, size_t uBytes = 10) {
     return m_box.Add(MakeOutItem(++m_u64Seq, iPriority, "id", std::string(uBytes, 'x')));
   }
@@ -24,7 +31,8 @@ class COutboxTest : public ::testing::Test {
     return list;
   }
 
-  CMemoryOutbox m_box{100000};
+  CFakeClock m_clock;
+  CMemoryOutbox m_box{100000, m_clock};
   uint64_t m_u64Seq = 0;
 };
 
@@ -66,7 +74,7 @@ TEST_F(COutboxTest, Take_KeepsARestOfTheRoomForUrgentEntries) {
   Add(1);
   Add(0);
   Add(10);
-  _OutRoom room{8, 1u << 20, 8, 1000, false};
+  _OutRoom room{8, 1u << 20, 8, 1000};
   EXPECT_EQ(m_box.Take(room)->iPriority, 0);
   EXPECT_EQ(m_box.Take(room)->iPriority, 10);
   EXPECT_EQ(m_box.Take(room), nullptr);
@@ -77,18 +85,18 @@ TEST_F(COutboxTest, Take_KeepsARestOfTheRoomForUrgentEntries) {
 TEST_F(COutboxTest, Take_LetsAnUrgentEntryPassABulkEntryThatDoesNotFit) {
   Add(10);
   Add(3, 5000);
-  const _OutRoom room{10, 1000, 0, 0, false};
+  const _OutRoom room{10, 1000, 0, 0};
   EXPECT_EQ(m_box.Take(room)->iPriority, 10);
   EXPECT_EQ(m_box.Take(room), nullptr);
 }
 
 TEST_F(COutboxTest, Take_LetsAnEntryLargerThanTheRoomGoAlone) {
   Add(2, 5000);
-  _OutRoom room{10, 1000, 0, 0, false};
+  _OutRoom room{10, 1000, 0, 0};
   EXPECT_EQ(m_box.Take(room), nullptr);
   room.bIdle = true;
   EXPECT_NE(m_box.Take(room), nullptr);
-  EXPECT_EQ(m_box.Take({0, 1000, 0, 0, true}), nullptr);
+  EXPECT_EQ(m_box.Take({0, 1000, 0, 0, true, ELane::Any, false}), nullptr);
 }
 
 TEST_F(COutboxTest, Add_RefusesBeyondTheBytes_UrgentEntriesLast) {
@@ -136,4 +144,57 @@ TEST_F(COutboxTest, Cancel_RemovesAWaitingEntry_AndATakenOneWhenItReturns) {
   m_box.Cancel(99);
   m_box.Done(99);
   EXPECT_EQ(m_box.Bytes(), 0u);
+}
+
+TEST_F(COutboxTest, Take_GivesEachLaneItsOwn_InTheSameOrder) {
+  for (const size_t uBytes : {kCommandBytes, kCommandBytes + 1, size_t{10}, size_t{9000}})
+    ASSERT_TRUE(Add(1, uBytes));
+  Add(0, 9000);
+  const auto Lane = [this](ELane eLane) {
+    _OutRoom room = Wide();
+    room.eLane = eLane;
+    std::vector<uint64_t> list;
+    while (const TOutItem pItem = m_box.Take(room))
+      list.push_back(pItem->u64Seq);
+    for (const uint64_t u64Seq : list)
+      m_box.Return(u64Seq);
+    return list;
+  };
+  EXPECT_THAT(Lane(ELane::Command), ElementsAre(1, 3));
+  EXPECT_THAT(Lane(ELane::Bulk), ElementsAre(5, 2, 4));
+  EXPECT_THAT(Lane(ELane::Any), ElementsAre(5, 1, 2, 3, 4));
+}
+
+TEST_F(COutboxTest, Take_WaitedOnly_PassesWhatNobodyWaitsFor) {
+  for (int i = 0; i < 3; ++i)
+    Add(0);
+  m_box.Add(MakeOutItem(++m_u64Seq, 3, "id", "waited", true));
+  _OutRoom room = Wide();
+  room.bWaitedOnly = true;
+  const TOutItem pItem = m_box.Take(room);
+  ASSERT_NE(pItem, nullptr);
+  EXPECT_EQ(pItem->Body(), "waited");
+  EXPECT_EQ(m_box.Take(room), nullptr);
+  EXPECT_THAT(TakeAll(), ElementsAre(0, 0, 0));
+}
+
+TEST_F(COutboxTest, State_CountsEntriesBytesAndTheOldestAge) {
+  EXPECT_EQ(m_box.State().u64OldestMs, 0u);
+  Add(3, 100);
+  m_clock.Advance(500);
+  Add(0, 100);
+  m_clock.Advance(700);
+  _OutboxState state = m_box.State();
+  EXPECT_EQ(state.u64Waiting, 2u);
+  EXPECT_EQ(state.u64Bytes, m_box.Bytes());
+  EXPECT_EQ(state.u64OldestMs, 1200u);
+  const TOutItem pUrgent = m_box.Take(Wide());
+  const TOutItem pOld = m_box.Take(Wide());
+  EXPECT_EQ(m_box.State().u64Waiting, 0u);
+  EXPECT_EQ(m_box.State().u64Entries, 2u);
+  EXPECT_EQ(m_box.State().u64OldestMs, 1200u);
+  m_box.Done(pOld->u64Seq);
+  state = m_box.State();
+  EXPECT_EQ(state.u64Entries, 1u);
+  EXPECT_EQ(state.u64OldestMs, 700u);
 }

@@ -54,7 +54,7 @@ class CShortLinkTest : public ::testing::Test, public IShortPeer {
   }
   TOutItem Add(int iPriority = 1, const std::string& strBody = "body") {
     ++m_u64Seq;
-    TOutItem pItem = MakeOutItem(m_u64Seq, iPriority, "id-" + std::to_string(m_u64Seq), strBody);
+    auto pItem = MakeOutItem(m_u64Seq, iPriority, "id-" + std::to_string(m_u64Seq), strBody);
     EXPECT_TRUE(m_outbox.Add(pItem));
     return pItem;
   }
@@ -73,7 +73,7 @@ class CShortLinkTest : public ::testing::Test, public IShortPeer {
   _LinkTimes m_times;
   CFakeClock m_clock;
   CFakeRandom m_random;
-  CMemoryOutbox m_outbox{1u << 20};
+  CMemoryOutbox m_outbox{1u << 20, m_clock};
   CWaiters m_waiters;
   CCallbacks m_callbacks;
   CCloudLog m_log{m_callbacks};
