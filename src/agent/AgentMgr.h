@@ -28,6 +28,7 @@
 #include "platform/os/ThreadSafety.h"
 #include "platform/os/ZxCritSec.h"
 #include "platform/os/ZxEvent.h"
+#include "platform/os/ZxGauges.h"
 #include "platform/os/ZxMsgQueue.h"
 #include "platform/os/ZxThread.h"
 #include "platform/text/PString.h"
@@ -273,4 +274,11 @@ class CAgentMgr final : public IAgentHub, public IAgentQueries {
   CPString m_strAgentPath;
 
   CPStrSet m_strEngineAddrSetOld;  // work thread only
+
+  CZxGauge m_gaugeQueue{"agent.work_queue"};  // records that wait
+  CZxGauge m_gaugePushes{"agent.pushes"};     // commands handled, pushed and polled
+  CZxGauge m_gaugeDataId{"agent.data_id"};
+  CZxGauge m_gaugePollCycle{"agent.poll_cycle_sec"};
+  CZxGauge m_gaugeOnlyShort{"agent.only_short"};
+  CZxGauge m_gaugeConnected{"agent.connected"};
 };

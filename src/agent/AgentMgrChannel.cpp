@@ -189,8 +189,10 @@ bool CAgentMgr::ZxcloudConnect(const char* lpszIp, uint16_t wPort, int bPollMsg)
   {
     CCritLock lock(m_csConnect);
     m_strConnectData = strMsg;
-    if (!bPollMsg)
+    if (!bPollMsg) {
       m_bIsConnect = 1;
+      m_gaugeConnected.Set(1);
+    }
   }
   LogTrace("zxagent CAgentMgr::ZxcloudConnect Begin BroadcastSend bPollMsg[%d] strMsg[%s]", bPollMsg, strMsg);
   const uint32_t iRet = m_pCompCtx->BroadcastSend(AGENT_MSG_BST_CONNECT, strMsg.c_str(),
@@ -211,6 +213,7 @@ bool CAgentMgr::ZxcloudDisconnect() {
     CCritLock lock(m_csConnect);
     m_strConnectData = strMsg;
     m_bIsConnect = 0;
+    m_gaugeConnected.Set(0);
   }
   LogTrace("zxagent CAgentMgr::ZxcloudDisconnect Begin BroadcastSend");
   const uint32_t iRet = m_pCompCtx->BroadcastSend(AGENT_MSG_BST_DISCONNECT, strMsg.c_str(),

@@ -132,6 +132,8 @@ int CAgentMgr::ZxcloudPushmsg(int iPcid, const char* pszMsg) {
   if (pszMsg == nullptr)
     return LogWarn("*zxagent CAgentMgr::ZxcloudPushmsg Error lpszMsg is NULL iPcid[%d]", iPcid);
   const unsigned long long u64DataId = ++s_u64DataId;
+  m_gaugeDataId.Set(static_cast<int64_t>(u64DataId));
+  m_gaugePushes.Add(1);
   LogInfo("zxagent pushmsg Begin recvnew u64DataId[%llx] iPcid[%d] pszMsg[%p] queueCount[%llu]", u64DataId,
           iPcid, pszMsg, ZxGetMsgCount(m_queueData));
   CPString strProduct;

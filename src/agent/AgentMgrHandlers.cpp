@@ -113,6 +113,8 @@ uint32_t CAgentMgr::DisposeTermConnect(unsigned long long u64DataId, const CPStr
     bOld = m_bIsOnlyShort;
     m_bIsOnlyShort = bIsOnlyShort;
     m_iPollerCycle = iPollerCycle;
+    m_gaugePollCycle.Set(iPollerCycle);
+    m_gaugeOnlyShort.Set(bIsOnlyShort);
   }
   if (bOld == bIsOnlyShort) {
     LogInfo(

@@ -71,6 +71,8 @@ void CAgentMgr::LoadTermConnect() {
   {
     CCritLock lock(m_csStatus);
     m_iPollerCycle = iPollerCycle;
+    m_gaugePollCycle.Set(iPollerCycle);
+    m_gaugeOnlyShort.Set(bIsOnlyShort);
     m_bIsOnlyShort = bIsOnlyShort;
   }
   LogInfo("zxagent CAgentMgr::GetConfig ReadTermConnect iType[%d] bIsOnlyShort[%d] iPollerCycle[%d]\n", iType,

@@ -50,10 +50,14 @@ bool CAgentMgr::AddZxcloudCallbackData(uint32_t dwMessage, uint32_t dwFlag, cons
     if (iLength == 0)
       iLength = static_cast<int>(uLength);
   }
-  if (!ZxMsgQueueInsert(m_queueData, dwMessage, dwFlag, pCopy.get(), uBytes))
+  m_gaugeQueue.Add(1);  // before the work thread can take it off again
+  if (!ZxMsgQueueInsert(m_queueData, dwMessage, dwFlag, pCopy.get(), uBytes)) {
+    const int iError = errno;
+    m_gaugeQueue.Add(-1);
     return LogWarn(
                "*zxagent CAgentMgr::AddZxcloudCallbackData Error ZxMsgQueueInsert iLength[%d] err[%d] dwMessage[%d] dwFlag[%d]",
-               iLength, errno, dwMessage, dwFlag) != 0;
+               iLength, iError, dwMessage, dwFlag) != 0;
+  }
   (void)pCopy.release();  // the queue's consumer owns it now
   LogDetail(
       "zxagent CAgentMgr::AddZxcloudCallbackData ZxMsgQueueInsert OK iLength[%d] dwMessage[%d] dwFlag[%d] m_queueData[%llu]\n",
@@ -227,6 +231,7 @@ void CAgentMgr::WorkLoop() {
 
 void CAgentMgr::HandleRecord(const ZxMsgRecord& record) {
   const std::unique_ptr<char[]> pData(static_cast<char*>(record.pData));
+  m_gaugeQueue.Add(-1);
   try {
     DispatchWork(record);
   } catch (const std::exception& e) {

@@ -114,6 +114,7 @@ int CAgentMaint::DisposeMaintMsg(unsigned long long u64DataId, const CPString& s
   const CPString strFile = (bProcess ? m_strPolicyProcessPath : m_strPolicyFilePath) + "/" + strID + ".json";
   if (!SpoolCommand(u64DataId, strCommand, strID, lpszMsg, strFile))
     return 0;
+  m_gaugeUnderWay.Add(1);
   StartReader();
   LogInfo(
       "zxagent CAgentMaint::DisposeMaintMsg OK u64DataId[%llx] strCommand[%s] strID[%s] strFile[%s] lpszMsg[%s]",
@@ -241,6 +242,8 @@ void CAgentMaint::UploadResults(unsigned long long& u64DataId) {
       return;
     pHub->ZxcloudSendMsg(++u64DataId, "veltcwpp", "zxpmaint", 1, 2, strResult);
     (void)remove(strFullPath.c_str());  // whatever the send returned
+    if (m_gaugeUnderWay.Value() > 0)    // a result of an earlier run takes nothing off
+      m_gaugeUnderWay.Add(-1);
   }
 }
 

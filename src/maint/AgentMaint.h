@@ -11,6 +11,7 @@
 
 #include "platform/os/ThreadSafety.h"
 #include "platform/os/ZxCritSec.h"
+#include "platform/os/ZxGauges.h"
 #include "platform/text/PStrList.h"
 #include "platform/text/PString.h"
 
@@ -61,4 +62,7 @@ class CAgentMaint {
   // -1 not begun, 0 stop requested, 1 running, 2 ended
   int m_iReadStatus TS_GUARDED_BY(m_csStatus) = -1;
   bool m_bClosed TS_GUARDED_BY(m_csStatus) = false;  // between Uninit and the next Init
+
+  // Spooled since the agent was loaded, less the results uploaded since; only the reader takes off.
+  CZxGauge m_gaugeUnderWay{"agent.maint.under_way"};
 };

@@ -23,6 +23,18 @@ constexpr int kBeginPasses = 1000;
 constexpr int kEndPasses = 20;
 constexpr uint32_t kBeginPassMs = 1;
 
+// Counts one for a scope, also when the send inside it is cancelled.
+class CGaugeScope {
+ public:
+  explicit CGaugeScope(CZxGauge& gauge) : m_gauge(gauge) { m_gauge.Add(1); }
+  ~CGaugeScope() { m_gauge.Add(-1); }
+  CGaugeScope(const CGaugeScope&) = delete;
+  CGaugeScope& operator=(const CGaugeScope&) = delete;
+
+ private:
+  CZxGauge& m_gauge;
+};
+
 }  // namespace
 
 void CAgentLogMsg::SleepMs(uint32_t dwMs) {
@@ -83,6 +95,7 @@ uint32_t CAgentLogMsg::InsertSendMsg(const CPString& strProduct, const CPString&
   const HLog hLog = g_hLogCache.load(std::memory_order_relaxed);
   std::unique_ptr<_LogMsgData> pData(new (std::nothrow) _LogMsgData);
   if (pData == nullptr) {
+    m_gaugeRefused.Add(1);
     LogWarnTo(
         hLog,
         "*zxagent Error InsertSendMsg new Error u64DataId[%llx] iPriv[%d] iMsgType[%d] strProduct[%s] strCombo[%s] strMsg[%s]",
@@ -96,7 +109,10 @@ uint32_t CAgentLogMsg::InsertSendMsg(const CPString& strProduct, const CPString&
   pData->u64DataId = u64DataId;
   pData->strMsg = std::move(strMsg);
   pData->uiKind = uiKind;
+  CountWaiting(*pData, 1);  // before a worker can take it out again
   if (!ZxMsgQueueInsert(m_queue, kSendRecord, 0, pData.get(), RecordBytes(*pData))) {
+    CountWaiting(*pData, -1);
+    m_gaugeRefused.Add(1);
     LogWarnTo(
         hLog,
         "*zxagent Error InsertSendMsg insert queue Error u64DataId[%llx] iPriv[%d] iMsgType[%d] strProduct[%s] strCombo[%s] strMsg[%s]",
@@ -152,7 +168,14 @@ void CAgentLogMsg::SendOne() {
   if (!ZxGetMsgFromQueue(m_queue, record, kWaitMs) || record.pData == nullptr)
     return;
   const std::unique_ptr<_LogMsgData> pData(static_cast<_LogMsgData*>(record.pData));
-  Report(*pData, Send(*pData));
+  CountWaiting(*pData, -1);
+  uint32_t uiResult = 0;
+  {
+    const CGaugeScope sending(m_gaugeSending);
+    uiResult = Send(*pData);
+  }
+  (uiResult == 0 ? m_gaugeSent : m_gaugeFailed).Add(1);
+  Report(*pData, uiResult);
 }
 
 // The component learns of a send that memory did not suffice for, as of any other failure.
@@ -233,10 +256,16 @@ size_t CAgentLogMsg::Drain() {
   while (ZxGetMsgFromQueue(m_queue, record, 0)) {
     if (record.pData == nullptr)
       continue;
-    delete static_cast<_LogMsgData*>(record.pData);
+    const std::unique_ptr<_LogMsgData> pData(static_cast<_LogMsgData*>(record.pData));
+    CountWaiting(*pData, -1);
     ++uDropped;
   }
   return uDropped;
+}
+
+void CAgentLogMsg::CountWaiting(const _LogMsgData& data, int iSign) {
+  m_gaugeWaiting.Add(iSign);
+  m_gaugeWaitingBytes.Add(iSign * static_cast<int64_t>(RecordBytes(data)));
 }
 
 int CAgentLogMsg::Status(const _Slot& slot) {

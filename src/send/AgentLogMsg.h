@@ -13,6 +13,7 @@
 
 #include "platform/os/ThreadSafety.h"
 #include "platform/os/ZxCritSec.h"
+#include "platform/os/ZxGauges.h"
 #include "platform/os/ZxMsgQueue.h"
 #include "platform/text/PString.h"
 #include "send/AgentSendMsg.h"
@@ -75,6 +76,7 @@ class CAgentLogMsg {
   bool CancelWorker(_Slot& slot) TS_EXCLUDES(m_csSlots);  // true: it was still running
   void WaitBegun();
   size_t Drain();  // records dropped
+  void CountWaiting(const _LogMsgData& data, int iSign);
   int Status(const _Slot& slot) TS_EXCLUDES(m_csSlots);
   void SetStatus(_Slot& slot, int iStatus) TS_EXCLUDES(m_csSlots);
 
@@ -83,4 +85,11 @@ class CAgentLogMsg {
   ZxMsgQueue m_queue;  // of _LogMsgData; kWakeUp items carry none
   _Slot m_slots[kWorkers];
   CAgentSendMsg* m_pSendMsg = nullptr;
+
+  CZxGauge m_gaugeWaiting{"agent.uploads.waiting"};
+  CZxGauge m_gaugeWaitingBytes{"agent.uploads.waiting_bytes"};  // RecordBytes of each
+  CZxGauge m_gaugeSending{"agent.uploads.sending"};             // workers inside a blocking send
+  CZxGauge m_gaugeRefused{"agent.uploads.refused"};
+  CZxGauge m_gaugeSent{"agent.uploads.sent"};
+  CZxGauge m_gaugeFailed{"agent.uploads.failed"};
 };

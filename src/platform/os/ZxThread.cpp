@@ -7,6 +7,7 @@
 #include <initializer_list>
 #include <new>
 
+#include "platform/os/ZxGauges.h"
 #include "platform/os/ZxWait.h"
 
 #if defined(__SANITIZE_ADDRESS__)
@@ -69,10 +70,7 @@ int CZxThreadGroup::Create(pthread_t* phThread, void* (*pfnEntry)(void*), void* 
   auto* pStart = new (std::nothrow) ThreadStart{this, pfnEntry, pArg};
   if (pStart == nullptr)
     return ENOMEM;
-  {
-    CMutexGuard guard(m_mutex);
-    ++m_uRunning;
-  }
+  Enter();
   const int iResult = StartThread(phThread, &Trampoline, pStart);
   if (iResult != 0) {
     Leave();
@@ -98,9 +96,19 @@ void* CZxThreadGroup::Trampoline(void* pStart) {
   return start.pfnEntry(start.pArg);
 }
 
+void CZxThreadGroup::Enter() {
+  CMutexGuard guard(m_mutex);
+  ++m_uRunning;
+  if (m_pGauge != nullptr)
+    m_pGauge->Set(m_uRunning);
+}
+
 void CZxThreadGroup::Leave() {
   CMutexGuard guard(m_mutex);
-  if (--m_uRunning == 0)
+  --m_uRunning;
+  if (m_pGauge != nullptr)
+    m_pGauge->Set(m_uRunning);
+  if (m_uRunning == 0)
     pthread_cond_broadcast(&m_cond);
 }
 
@@ -117,6 +125,13 @@ bool CZxThreadGroup::Wait(uint32_t dwMs) {
 uint32_t CZxThreadGroup::Running() {
   CMutexGuard guard(m_mutex);
   return m_uRunning;
+}
+
+void CZxThreadGroup::SetGauge(CZxGauge* pGauge) {
+  CMutexGuard guard(m_mutex);
+  m_pGauge = pGauge;
+  if (m_pGauge != nullptr)
+    m_pGauge->Set(m_uRunning);
 }
 
 void ZxSetThreadName(const char* pszName) {

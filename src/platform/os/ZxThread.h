@@ -10,6 +10,8 @@
 
 #include "platform/Api.h"
 
+class CZxGauge;
+
 // Constant-initialised; one static instance per library.
 class ZX_API CZxThreadGroup {
  public:
@@ -23,14 +25,18 @@ class ZX_API CZxThreadGroup {
   // Waits until every thread of the group has left its entry function. False on time-out.
   bool Wait(uint32_t dwMs);
   uint32_t Running();
+  // Shows the number of running threads from now on; null: nowhere. The gauge outlives the group's threads.
+  void SetGauge(CZxGauge* pGauge);
 
  private:
   static void* Trampoline(void* pStart);
+  void Enter();
   void Leave();
 
   pthread_mutex_t m_mutex = PTHREAD_MUTEX_INITIALIZER;
   pthread_cond_t m_cond = PTHREAD_COND_INITIALIZER;
   uint32_t m_uRunning = 0;
+  CZxGauge* m_pGauge = nullptr;
 };
 
 inline constexpr size_t kZxThreadStackBytes = 512u << 10;

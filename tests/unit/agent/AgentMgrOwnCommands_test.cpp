@@ -2,6 +2,7 @@
 #include <algorithm>
 
 #include "agent/OwnCommandFixture.h"
+#include "support/Gauges.h"
 
 using ::testing::AllOf;
 using ::testing::Contains;
@@ -318,4 +319,38 @@ TEST_F(AgentMgrOwnCommands, Hostile_AssetCombosStayInTheirDirectory) {
   EXPECT_THAT(HandOffs(), ElementsAre(StartsWith(std::string(kGuidScan) + "|assetCollection|")));
   EXPECT_THAT(FilesBelow(Path("data/policy/assetcollection")), ElementsAre("One"));
   EXPECT_EQ(m_home.ReadFile("etc/x"), "keep");
+}
+
+// --- Figures.
+
+TEST_F(AgentMgrOwnCommands, Gauges_ShowCommandsModeAndWaitingRecords) {
+  const int64_t i64Pushes = GaugeValue("agent.pushes").value_or(-1);
+  const int64_t i64DataId = GaugeValue("agent.data_id").value_or(-1);
+  Push(kPcidScan, Command("a", "task"));
+  Push(kPcidScan, Command("b", "task"));
+  EXPECT_EQ(GaugeValue("agent.pushes"), i64Pushes + 2);
+  EXPECT_GE(GaugeValue("agent.data_id").value_or(-1), i64DataId + 2);
+  EXPECT_EQ(GaugeValue("agent.poll_cycle_sec"), 60);
+  EXPECT_EQ(GaugeValue("agent.only_short"), 0);
+  EXPECT_EQ(GaugeValue("agent.threads"), AgentThreads().Running());
+  EXPECT_GE(AgentThreads().Running(), 32u);
+
+  Push(kPcidScan, Command("c", "task"));
+  m_mgr.DisposeTermConnect(1, "d", R"({"Param":{"type":2,"poller_cycle":600}})");
+  EXPECT_EQ(GaugeValue("agent.poll_cycle_sec"), 600);
+  EXPECT_EQ(GaugeValue("agent.only_short"), 1);
+
+  const int64_t i64Waiting = GaugeValue("agent.work_queue").value_or(-1);
+  ASSERT_TRUE(m_mgr.AddZxcloudCallbackData(kWorkWake, 0, nullptr, 0));
+  EXPECT_EQ(GaugeValue("agent.work_queue"), i64Waiting + 1);
+  RunWorkThread();
+  EXPECT_TRUE(EventuallyTrue([] { return GaugeValue("agent.work_queue") == 0; }));
+
+  EXPECT_EQ(GaugeValue("agent.connected"), 0);
+  m_mgr.ZxcloudConnect("10.0.0.1", 1, 1);
+  EXPECT_EQ(GaugeValue("agent.connected"), 0) << "a poll is no long connection";
+  m_mgr.ZxcloudConnect("10.0.0.1", 1, 0);
+  EXPECT_EQ(GaugeValue("agent.connected"), 1);
+  m_mgr.ZxcloudDisconnect();
+  EXPECT_EQ(GaugeValue("agent.connected"), 0);
 }

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "MaintFixture.h"
+#include "support/Gauges.h"
 
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -272,4 +273,19 @@ TEST_F(MaintReader, Uninit_CancelsAReaderInItsPause) {
   EXPECT_EQ(m_log.Count("need kill"), 1u);
   EXPECT_TRUE(AgentThreads().Wait(kTestDeadlineMs));
   m_pauses.m_bStopSkips = false;
+}
+
+TEST_F(MaintReader, Gauge_CountsCommandsWhoseResultsAreMissing) {
+  Result("earlier.json", "of another run");
+  Spool();
+  ASSERT_TRUE(WaitScans(1));
+  const int64_t i64UnderWay = GaugeValue("agent.maint.under_way").value_or(-1);
+  Spool();
+  EXPECT_EQ(GaugeValue("agent.maint.under_way"), i64UnderWay + 1);
+  Result("a.json", "1");
+  Result("b.json", "2");
+  Result("c.json", "3");
+  NextScan();
+  ASSERT_TRUE(WaitScans(2));
+  EXPECT_EQ(GaugeValue("agent.maint.under_way"), 0);
 }

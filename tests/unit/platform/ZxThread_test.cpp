@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "platform/os/ZxEvent.h"
+#include "platform/os/ZxGauges.h"
 #include "support/Waiter.h"
 
 #if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
@@ -69,6 +70,19 @@ struct CThreadCase {
     return nullptr;
   }
 };
+
+TEST(ZxThread_test, Gauge_ShowsTheRunningThreads) {
+  CZxGauge gauge("test.thread_group");
+  CThreadCase threadCase;
+  threadCase.group.SetGauge(&gauge);
+  EXPECT_EQ(gauge.Value(), 0);
+  pthread_t hThread = 0;
+  ASSERT_EQ(threadCase.group.Create(&hThread, &CThreadCase::WaitForRelease, &threadCase), 0);
+  EXPECT_EQ(gauge.Value(), 1);
+  ZxSetEvent(threadCase.hRelease);
+  ASSERT_TRUE(threadCase.group.Wait(kTestDeadlineMs));
+  EXPECT_EQ(gauge.Value(), 0);
+}
 
 TEST(ZxThread_test, Wait_Returns_WhenTheEntryReturned) {
   CThreadCase test;

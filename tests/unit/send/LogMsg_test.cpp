@@ -6,6 +6,7 @@
 #include <thread>
 
 #include "send/LogMsgFixture.h"
+#include "support/Gauges.h"
 
 using ::testing::Contains;
 using ::testing::Each;
@@ -209,4 +210,46 @@ TEST_F(LogMsg, Worker_GoesOn_WhenItsReportRunsOutOfMemory) {
   m_logMsg.Uninit();
   EXPECT_EQ(Sends(), 40u);
   EXPECT_EQ(Count("**zxagent CAgentLogMsg::LogThread Error what["), 40u);
+}
+
+// --- Figures.
+
+TEST_F(LogMsg, Gauges_FollowARecordFromTheQueueToItsOutcome) {
+  m_logMsg.SetBudget(1u << 20);
+  HoldSends();
+  m_logMsg.Init(&m_send);
+  constexpr int kRecords = CAgentLogMsg::kWorkers + 2;
+  for (int i = 0; i < kRecords; ++i)
+    ASSERT_EQ(Insert(i), 0u);
+  ASSERT_TRUE(WaitSends(CAgentLogMsg::kWorkers));
+  EXPECT_EQ(GaugeValue("agent.uploads.sending"), CAgentLogMsg::kWorkers);
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting"), 2);
+  _LogMsgData waiting;
+  waiting.strProduct = "Scan";
+  waiting.strCombo = "One";
+  waiting.strMsg = "body";
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting_bytes"), static_cast<int64_t>(2 * RecordBytes(waiting)));
+  EXPECT_EQ(Insert(99, CPString(std::string(2u << 20, 'x').c_str())), 0xb0010003u);
+  EXPECT_EQ(GaugeValue("agent.uploads.refused"), 1);
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting"), 2) << "a refused record never waited";
+
+  m_release.Set();
+  ASSERT_TRUE(m_hub.WaitOutcomes(kRecords));
+  m_cloud.SetResult(ECloudCall::SendSync, 5);
+  m_cloud.SetHook(ECloudCall::SendSync, nullptr);
+  ASSERT_EQ(Insert(100), 0u);
+  ASSERT_TRUE(m_hub.WaitOutcomes(kRecords + 1));
+  EXPECT_EQ(GaugeValue("agent.uploads.sent"), kRecords);
+  EXPECT_EQ(GaugeValue("agent.uploads.failed"), 1);
+  EXPECT_EQ(GaugeValue("agent.uploads.sending"), 0);
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting"), 0);
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting_bytes"), 0);
+}
+
+TEST_F(LogMsg, Gauges_CountWhatAStopDropsAsGone) {
+  ASSERT_EQ(Insert(1), 0u);
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting"), 1);
+  m_logMsg.Uninit();
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting"), 0);
+  EXPECT_EQ(GaugeValue("agent.uploads.waiting_bytes"), 0);
 }
