@@ -11,11 +11,15 @@
 #include <string>
 #include <thread>
 
-#include "Sqlite.h"
+#include "platform/db/Sqlite.h"
 #include "platform/os/ZxCritSec.h"
 #include "platform/os/ZxEvent.h"
 
 namespace zxcloudd {
+
+using zxdb::CSqlite;
+using zxdb::CStatement;
+using zxdb::EStep;
 
 class CStore {
  public:

@@ -9,10 +9,14 @@
 
 #include "CloudConfig.h"
 #include "PollText.h"
-#include "Sqlite.h"
 #include "UploadText.h"
+#include "platform/db/Sqlite.h"
 
 namespace zxcloudd {
+
+using zxdb::CSqlite;
+using zxdb::CStatement;
+using zxdb::EStep;
 
 // Machines that were ever heard of.
 struct _AgentRow {
