@@ -58,6 +58,15 @@ void WriteKey(const std::string& strFile, EVP_PKEY* pKey) {
   Must(std::fclose(pFile) == 0, "key file");
 }
 
+X509* ReadCert(const std::string& strFile) {
+  FILE* pFile = std::fopen(strFile.c_str(), "r");
+  Must(pFile != nullptr, "certificate file");
+  X509* pCert = PEM_read_X509(pFile, nullptr, nullptr, nullptr);
+  std::fclose(pFile);
+  Must(pCert != nullptr, "certificate file");
+  return pCert;
+}
+
 bool IsLiteral(const std::string& strName) {
   in6_addr address{};
   return inet_pton(AF_INET, strName.c_str(), &address) == 1 ||
@@ -66,9 +75,9 @@ bool IsLiteral(const std::string& strName) {
 
 }  // namespace
 
-CTestCa::CTestCa(const std::string& strDir, const std::string& strName)
+CTestCa::CTestCa(const std::string& strDir, const std::string& strName, long lNotBefore, long lNotAfter)
     : m_strDir(strDir), m_strFile(strDir + strName + ".ca.pem"), m_pKey(NewKey()) {
-  m_pCert = NewCert(strName, m_pKey, -86400, 864000);
+  m_pCert = NewCert(strName, m_pKey, lNotBefore, lNotAfter);
   X509_set_issuer_name(m_pCert, X509_get_subject_name(m_pCert));
   AddExtension(m_pCert, m_pCert, NID_basic_constraints, "critical,CA:TRUE");
   AddExtension(m_pCert, m_pCert, NID_key_usage, "critical,keyCertSign,cRLSign");
@@ -89,7 +98,8 @@ _CertFiles CTestCa::Issue(const std::string& strName, const std::vector<std::str
   std::string strNames;
   for (const std::string& strOne : listNames)
     strNames += (strNames.empty() ? "" : ",") + std::string(IsLiteral(strOne) ? "IP:" : "DNS:") + strOne;
-  AddExtension(pCert, m_pCert, NID_subject_alt_name, strNames);
+  if (!strNames.empty())
+    AddExtension(pCert, m_pCert, NID_subject_alt_name, strNames);
   Must(X509_sign(pCert, m_pKey, EVP_sha256()) > 0, "signature");
   _CertFiles files{m_strDir + strName + ".pem", m_strDir + strName + ".key"};
   WriteCert(files.strCert, pCert);
@@ -99,11 +109,48 @@ _CertFiles CTestCa::Issue(const std::string& strName, const std::vector<std::str
   return files;
 }
 
+void CTestCa::WriteCrl(const std::string& strFile, const std::vector<_CertFiles>& listRevoked,
+                       long lNextUpdate) {
+  X509_CRL* pCrl = X509_CRL_new();
+  ASN1_TIME* pTime = ASN1_TIME_new();
+  Must(pCrl != nullptr && pTime != nullptr && X509_CRL_set_version(pCrl, 1) == 1 &&
+           X509_CRL_set_issuer_name(pCrl, X509_get_subject_name(m_pCert)) == 1,
+       "revocation list");
+  X509_gmtime_adj(pTime, lNextUpdate - 86400);
+  X509_CRL_set1_lastUpdate(pCrl, pTime);
+  for (const _CertFiles& files : listRevoked) {
+    X509* pCert = ReadCert(files.strCert);
+    X509_REVOKED* pRevoked = X509_REVOKED_new();
+    X509_REVOKED_set_serialNumber(pRevoked, X509_get_serialNumber(pCert));
+    X509_REVOKED_set_revocationDate(pRevoked, pTime);
+    Must(X509_CRL_add0_revoked(pCrl, pRevoked) == 1, "revocation");
+    X509_free(pCert);
+  }
+  X509_gmtime_adj(pTime, lNextUpdate);
+  X509_CRL_set1_nextUpdate(pCrl, pTime);
+  ASN1_TIME_free(pTime);
+  Must(X509_CRL_sort(pCrl) == 1 && X509_CRL_sign(pCrl, m_pKey, EVP_sha256()) > 0, "signature");
+  FILE* pFile = std::fopen(strFile.c_str(), "w");
+  Must(pFile != nullptr && PEM_write_X509_CRL(pFile, pCrl) == 1 && std::fclose(pFile) == 0, "list file");
+  X509_CRL_free(pCrl);
+}
+
+_CertFiles SelfSigned(const std::string& strDir, const std::string& strName, const std::string& strHost) {
+  EVP_PKEY* pKey = NewKey();
+  X509* pCert = NewCert(strName, pKey, -3600, 86400);
+  X509_set_issuer_name(pCert, X509_get_subject_name(pCert));
+  AddExtension(pCert, pCert, NID_subject_alt_name, (IsLiteral(strHost) ? "IP:" : "DNS:") + strHost);
+  Must(X509_sign(pCert, pKey, EVP_sha256()) > 0, "signature");
+  _CertFiles files{strDir + strName + ".pem", strDir + strName + ".key"};
+  WriteCert(files.strCert, pCert);
+  WriteKey(files.strKey, pKey);
+  X509_free(pCert);
+  EVP_PKEY_free(pKey);
+  return files;
+}
+
 std::string CertPin(const std::string& strCertFile) {
-  FILE* pFile = std::fopen(strCertFile.c_str(), "r");
-  Must(pFile != nullptr, "certificate file");
-  X509* pCert = PEM_read_X509(pFile, nullptr, nullptr, nullptr);
-  std::fclose(pFile);
+  X509* pCert = ReadCert(strCertFile);
   unsigned char* pDer = nullptr;
   const int iDer = i2d_PUBKEY(X509_get0_pubkey(pCert), &pDer);
   Must(iDer > 0, "public key");

@@ -16,16 +16,21 @@ struct _CertFiles {
 
 class CTestCa {
  public:
-  // strDir ends in "/". strName names the CA and its file.
-  CTestCa(const std::string& strDir, const std::string& strName);
+  // strDir ends in "/". strName names the CA and its file. The times are seconds from now.
+  CTestCa(const std::string& strDir, const std::string& strName, long lNotBefore = -86400,
+          long lNotAfter = 864000);
   ~CTestCa();
   CTestCa(const CTestCa&) = delete;
   CTestCa& operator=(const CTestCa&) = delete;
 
   const std::string& File() const { return m_strFile; }
-  // listNames: DNS names and IP literals. The times are seconds from now.
+  // listNames: DNS names and IP literals; none: strName stands in the subject only.
   _CertFiles Issue(const std::string& strName, const std::vector<std::string>& listNames,
                    long lNotBefore = -3600, long lNotAfter = 86400);
+
+  // A revocation list with these certificates on it, into strFile; valid until lNextUpdate seconds from now.
+  void WriteCrl(const std::string& strFile, const std::vector<_CertFiles>& listRevoked,
+                long lNextUpdate = 86400);
 
  private:
   const std::string m_strDir;
@@ -33,6 +38,9 @@ class CTestCa {
   EVP_PKEY* m_pKey = nullptr;
   X509* m_pCert = nullptr;
 };
+
+// A certificate that is its own issuer.
+_CertFiles SelfSigned(const std::string& strDir, const std::string& strName, const std::string& strHost);
 
 // "sha256//<base64>" of the public key in a certificate file, computed here and not by the product.
 std::string CertPin(const std::string& strCertFile);

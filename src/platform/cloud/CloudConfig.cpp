@@ -103,13 +103,14 @@ bool ReadLinkSettings(CPJsonParse& json, const std::string& strHome, _CloudConfi
   CMembers members(pObject, strError);
   _TlsSettings& tls = config.tls;
   if (!members.Text("ca_file", tls.strCaFile) || !members.Text("ca_path", tls.strCaPath) ||
-      !members.Text("cert_file", tls.strCertFile) || !members.Text("key_file", tls.strKeyFile) ||
-      !members.Text("proxy", config.strProxy) || !members.Text("db_path", config.strDbPath) ||
+      !members.Text("crl_file", tls.strCrlFile) || !members.Text("cert_file", tls.strCertFile) ||
+      !members.Text("key_file", tls.strKeyFile) || !members.Text("proxy", config.strProxy) ||
+      !members.Text("db_path", config.strDbPath) ||
       !members.Flag("plaintext_loopback", config.bPlainLoopback) ||
       !members.Bytes("max_queue_bytes", config.uMaxQueueBytes) || !members.Pins("pins", tls.listPins))
     return false;
-  for (std::string* pFile :
-       {&tls.strCaFile, &tls.strCaPath, &tls.strCertFile, &tls.strKeyFile, &config.strDbPath})
+  for (std::string* pFile : {&tls.strCaFile, &tls.strCaPath, &tls.strCrlFile, &tls.strCertFile,
+                             &tls.strKeyFile, &config.strDbPath})
     MakeAbsolute(strHome, *pFile);
   if (tls.strCertFile.empty() != tls.strKeyFile.empty()) {
     strError = "cert_file and key_file belong together";

@@ -37,12 +37,6 @@ bool IsTlsCode(int iCode) {
   }
 }
 
-CURLcode OnSslContext(CURL*, void* pCtx, void* pVerdict) {
-  return TlsWatchContext(static_cast<SSL_CTX*>(pCtx), *static_cast<_TlsVerdict*>(pVerdict))
-             ? CURLE_OK
-             : CURLE_SSL_CONNECT_ERROR;
-}
-
 // Connections are not for children that the host starts.
 int OnSocket(void*, curl_socket_t fd, curlsocktype) {
   fcntl(fd, F_SETFD, FD_CLOEXEC);
@@ -58,6 +52,8 @@ struct CHttpClient::_Curl {
 
 // What one request needs while it runs.
 struct CHttpClient::_Running {
+  const _TlsSettings* pTls = nullptr;
+  _TlsVerdict* pVerdict = nullptr;
   _HttpAnswer* pAnswer = nullptr;
   size_t uMaxAnswer = 0;
   bool bTooLarge = false;
@@ -81,6 +77,17 @@ struct CHttpClient::_Running {
     }
     running.pAnswer->strBody.append(pData, uBytes);
     return uBytes;
+  }
+
+  // Called for every new connection. libcurl checks an HTTPS proxy by itself, against the system's store; its
+  // context is known by the highest version, which only the server's names.
+  static CURLcode OnSslContext(CURL*, void* pCtx, void* pThis) {
+    auto& running = *static_cast<_Running*>(pThis);
+    auto* pSslCtx = static_cast<SSL_CTX*>(pCtx);
+    if (SSL_CTX_get_max_proto_version(pSslCtx) != TLS1_3_VERSION)
+      return CURLE_OK;
+    return TlsApply(pSslCtx, *running.pTls, running.strHost, *running.pVerdict) ? CURLE_OK
+                                                                                : CURLE_SSL_CONNECT_ERROR;
   }
 };
 
@@ -110,7 +117,6 @@ std::string _HttpAnswer::Why() const {
 CHttpClient::CHttpClient(_HttpSettings settings)
     : m_settings(std::move(settings)), m_pCurl(std::make_unique<_Curl>()) {
   InitCurlOnce();
-  m_verdict.pPins = &m_settings.tls.listPins;
   m_pCurl->pMulti = curl_multi_init();
   m_pCurl->pEasy = curl_easy_init();
   if (m_pCurl->pMulti != nullptr)
@@ -130,21 +136,20 @@ void CHttpClient::Abort() {
 
 void CHttpClient::PrepareTrust(const _HttpRequest& request, _Running& running) {
   CURL* pEasy = m_pCurl->pEasy;
-  const _TlsSettings& tls = m_settings.tls;
-  curl_easy_setopt(pEasy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
+  curl_easy_setopt(
+      pEasy, CURLOPT_SSLVERSION,
+      static_cast<long>(CURL_SSLVERSION_TLSv1_2) | static_cast<long>(CURL_SSLVERSION_MAX_TLSv1_3));
+  curl_easy_setopt(pEasy, CURLOPT_PROXY_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
   curl_easy_setopt(pEasy, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(pEasy, CURLOPT_SSL_VERIFYHOST, 2L);
-  if (!tls.strCaFile.empty() || !tls.strCaPath.empty()) {
-    // Both are set, so that the one that is not named does not stay at the system's store.
-    curl_easy_setopt(pEasy, CURLOPT_CAINFO, tls.strCaFile.empty() ? nullptr : tls.strCaFile.c_str());
-    curl_easy_setopt(pEasy, CURLOPT_CAPATH, tls.strCaPath.empty() ? nullptr : tls.strCaPath.c_str());
-  }
-  if (!tls.strCertFile.empty()) {
-    curl_easy_setopt(pEasy, CURLOPT_SSLCERT, tls.strCertFile.c_str());
-    curl_easy_setopt(pEasy, CURLOPT_SSLKEY, tls.strKeyFile.c_str());
-  }
-  curl_easy_setopt(pEasy, CURLOPT_SSL_CTX_FUNCTION, OnSslContext);
-  curl_easy_setopt(pEasy, CURLOPT_SSL_CTX_DATA, &m_verdict);
+  // Files are ours to load, at every connection: libcurl keeps what it has read for a day, and a resumed
+  // session would not look at the certificate again.
+  curl_easy_setopt(pEasy, CURLOPT_CAINFO, nullptr);
+  curl_easy_setopt(pEasy, CURLOPT_CAPATH, nullptr);
+  curl_easy_setopt(pEasy, CURLOPT_CA_CACHE_TIMEOUT, 0L);
+  curl_easy_setopt(pEasy, CURLOPT_SSL_SESSIONID_CACHE, 0L);
+  curl_easy_setopt(pEasy, CURLOPT_SSL_CTX_FUNCTION, &_Running::OnSslContext);
+  curl_easy_setopt(pEasy, CURLOPT_SSL_CTX_DATA, &running);
   // Loopback never goes through a proxy: plain text must not leave the machine.
   if (request.address.bPlain || IsLoopback(request.address.strHost))
     curl_easy_setopt(pEasy, CURLOPT_PROXY, "");
@@ -163,8 +168,6 @@ bool CHttpClient::Prepare(const _HttpRequest& request, _Running& running) {
     running.strError = "plain text is not permitted to this address";
     return false;
   }
-  if (!m_settings.tls.strCertFile.empty() && !TlsCheckKeyFile(m_settings.tls.strKeyFile, running.strError))
-    return false;
   curl_easy_reset(pEasy);  // keeps the connections
   running.strUrl =
       (request.address.bPlain ? "http://" : "https://") + request.address.Text() + request.strTarget;
@@ -224,18 +227,17 @@ int CHttpClient::Drive(const _HttpRequest& request) {
 void CHttpClient::Finish(int iCode, _Running& running, _HttpAnswer& answer) {
   CURL* pEasy = m_pCurl->pEasy;
   if (iCode != CURLE_OK) {
-    answer.eError = iCode == kAborted                   ? ENetError::Aborted
-                    : running.bTooLarge                 ? ENetError::TooLarge
-                    : IsTlsCode(iCode)                  ? ENetError::Tls
-                    : iCode == CURLE_OPERATION_TIMEDOUT ? ENetError::Timeout
-                                                        : ENetError::Network;
+    answer.eError = iCode == kAborted                        ? ENetError::Aborted
+                    : running.bTooLarge                      ? ENetError::TooLarge
+                    : IsTlsCode(iCode) || m_verdict.Failed() ? ENetError::Tls
+                    : iCode == CURLE_OPERATION_TIMEDOUT      ? ENetError::Timeout
+                                                             : ENetError::Network;
     const std::string strText = running.szError[0] != 0 ? running.szError
                                 : iCode == kAborted     ? "stopped"
                                                         : curl_easy_strerror(static_cast<CURLcode>(iCode));
-    answer.strReason = running.bTooLarge ? "answer is too large"
-                       : answer.eError == ENetError::Tls
-                           ? TlsReason(m_verdict.iX509, running.strHost, strText)
-                           : strText;
+    answer.strReason = running.bTooLarge                 ? "answer is too large"
+                       : answer.eError == ENetError::Tls ? TlsReason(m_verdict, running.strHost, strText)
+                                                         : strText;
     answer.strBody.clear();
     return;
   }
@@ -263,6 +265,8 @@ _HttpAnswer CHttpClient::Do(const _HttpRequest& request) {
   _HttpAnswer answer;
   _Running running;
   running.pAnswer = &answer;
+  running.pTls = &m_settings.tls;
+  running.pVerdict = &m_verdict;
   m_verdict.Reset();
   if (m_bAbort.load()) {
     answer.eError = ENetError::Aborted;

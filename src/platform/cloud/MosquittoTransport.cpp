@@ -85,7 +85,12 @@ bool CMosquittoTransport::Open(const _MqttOpen& open, EMqttFailure& eFailure, st
   Close(false);
   m_open = open;
   m_strTlsText.clear();
+  m_verdict.Reset();
   eFailure = EMqttFailure::Tls;
+  if (open.bPlain && !IsLoopback(open.strIp)) {
+    strError = "plain text is not permitted to this address";
+    return false;
+  }
   if (!open.bPlain) {
     m_pCtx = TlsNewContext(m_tls, open.strHost, m_verdict, strError);
     if (m_pCtx == nullptr)
@@ -271,9 +276,10 @@ void CMosquittoTransport::Ended(int iResult, int iErrno) {
     m_eFailure =
         m_iConnack == 2 || m_iConnack == 4 || m_iConnack == 5 ? EMqttFailure::Refused : EMqttFailure::Network;
     m_strReason = ConnackText(m_iConnack);
-  } else if (iResult == MOSQ_ERR_TLS || m_verdict.iX509 != 0 || (!m_strTlsText.empty() && m_iConnack < 0)) {
+  } else if (iResult == MOSQ_ERR_TLS || m_verdict.Failed() || (!m_strTlsText.empty() && m_iConnack < 0) ||
+             (m_pCtx != nullptr && (m_bTcpUp || iErrno == ECONNRESET) && !m_verdict.bDone)) {
     m_eFailure = EMqttFailure::Tls;
-    m_strReason = TlsReason(m_verdict.iX509, m_open.strHost, m_strTlsText);
+    m_strReason = TlsReason(m_verdict, m_open.strHost, m_strTlsText);
   } else if (iResult == MOSQ_ERR_KEEPALIVE) {
     m_strReason = "no answer to the keep-alive";
   } else if (iResult == MOSQ_ERR_ERRNO && iErrno != 0) {

@@ -1,10 +1,8 @@
-// The small parts: acknowledgement table, lookups, wake-up, threads, names of refusals, escaping.
+// The small parts: acknowledgement table, lookups, wake-up, threads, escaping.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <openssl/x509_vfy.h>
 #include <poll.h>
 #include <signal.h>
-#include <sys/stat.h>
 
 #include <atomic>
 #include <thread>
@@ -13,9 +11,6 @@
 #include "platform/cloud/CloudThread.h"
 #include "platform/cloud/HttpClient.h"
 #include "platform/cloud/Resolver.h"
-#include "platform/cloud/TlsPolicy.h"
-#include "support/CloudCerts.h"
-#include "support/TempHome.h"
 #include "support/Waiter.h"
 
 using namespace zxcloud;
@@ -133,62 +128,6 @@ TEST(CloudThread, Start_NamesTheThread_AndBlocksSignalsThere) {
   sigset_t setHere;
   pthread_sigmask(SIG_SETMASK, nullptr, &setHere);
   EXPECT_EQ(sigismember(&setHere, SIGTERM), 0);
-}
-
-TEST(TlsPolicy, Reason_NamesEachRefusal) {
-  EXPECT_THAT(TlsReason(X509_V_ERR_CERT_HAS_EXPIRED, "h", ""),
-              HasSubstr("certificate expired (this machine's"));
-  EXPECT_THAT(TlsReason(X509_V_ERR_CERT_NOT_YET_VALID, "h", ""), HasSubstr("certificate not yet valid"));
-  EXPECT_EQ(TlsReason(X509_V_ERR_HOSTNAME_MISMATCH, "h", ""), "certificate is for another host than h");
-  EXPECT_EQ(TlsReason(X509_V_ERR_IP_ADDRESS_MISMATCH, "h", ""), "certificate is for another host than h");
-  EXPECT_EQ(TlsReason(X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT, "h", ""), "certificate is from an unknown CA");
-  EXPECT_EQ(TlsReason(X509_V_ERR_APPLICATION_VERIFICATION, "h", ""),
-            "no pin matches the server's public key");
-  EXPECT_EQ(TlsReason(X509_V_ERR_CERT_REVOKED, "h", ""), "certificate refused: certificate revoked");
-  EXPECT_EQ(TlsReason(0, "h", "... tlsv1 alert protocol version"), "the far side speaks no TLS 1.2 or newer");
-  EXPECT_EQ(TlsReason(0, "h", "wrong version number"), "the far side does not speak TLS");
-  EXPECT_THAT(TlsReason(0, "h", "tlsv13 alert certificate required"),
-              HasSubstr("refuses this client's certificate"));
-  EXPECT_EQ(TlsReason(0, "h", "anything else"), "anything else");
-  EXPECT_EQ(TlsReason(0, "h", ""), "TLS failed");
-}
-
-TEST(TlsPolicy, CheckKeyFile_WantsAPrivateFile) {
-  CTempHome home;
-  std::string strError;
-  EXPECT_FALSE(TlsCheckKeyFile(home.Path("none").Str(), strError));
-  EXPECT_THAT(strError, HasSubstr("No such file"));
-  home.WriteFile("key", "x", 0600);
-  EXPECT_TRUE(TlsCheckKeyFile(home.Path("key").Str(), strError));
-  home.WriteFile("open", "x", 0604);
-  EXPECT_FALSE(TlsCheckKeyFile(home.Path("open").Str(), strError));
-  EXPECT_FALSE(TlsCheckKeyFile(home.Root().Str(), strError));
-}
-
-TEST(TlsPolicy, NewContext_NamesTheFileItCannotUse) {
-  CTempHome home;
-  CTestCa ca(home.Root().Str(), "test");
-  const _CertFiles own = ca.Issue("own", {"own"});
-  const _CertFiles other = ca.Issue("other", {"other"});
-  _TlsVerdict verdict;
-  std::string strError;
-  _TlsSettings settings;
-  settings.strCaFile = ca.File();
-  settings.strCertFile = own.strCert;
-  settings.strKeyFile = own.strKey;
-  EXPECT_NE(TlsNewContext(settings, "host", verdict, strError), nullptr) << strError;
-  EXPECT_EQ(verdict.strSni, "host");
-  EXPECT_NE(TlsNewContext(settings, "127.0.0.1", verdict, strError), nullptr) << strError;
-  EXPECT_EQ(verdict.strSni, "");  // literals are no server names
-  settings.strKeyFile = other.strKey;
-  EXPECT_EQ(TlsNewContext(settings, "host", verdict, strError), nullptr);
-  EXPECT_THAT(strError, HasSubstr("key_file " + other.strKey));
-  settings.strCertFile = home.Path("none").Str();
-  EXPECT_EQ(TlsNewContext(settings, "host", verdict, strError), nullptr);
-  EXPECT_THAT(strError, HasSubstr("cert_file "));
-  settings.strCaFile = home.Path("none").Str();
-  EXPECT_EQ(TlsNewContext(settings, "host", verdict, strError), nullptr);
-  EXPECT_THAT(strError, HasSubstr("ca_file "));
 }
 
 TEST(HttpClient, UrlEscape_LeavesOnlyUnreservedCharacters) {
