@@ -12,7 +12,6 @@
 #include "CloudLog.h"
 #include "CloudText.h"
 #include "Topics.h"
-#include "platform/os/ZxFile.h"
 #include "platform/os/ZxThread.h"
 #include "platform/os/ZxTime.h"
 
@@ -20,7 +19,6 @@ namespace zxcloudd {
 
 namespace {
 
-constexpr int kWindow = 64;  // commands the broker has not acknowledged
 constexpr size_t kWindowBytes = 4u << 20;
 constexpr size_t kBatchMax = 256;  // messages of one commit
 constexpr size_t kBatchBytes = 16u << 20;
@@ -28,12 +26,9 @@ constexpr uint64_t kHandshakeMs = 5000;  // CONNACK and SUBACK must be there by 
 constexpr int kTickMs = 1000;            // keep-alive bookkeeping of the library
 constexpr uint64_t kStableMs = 60000;    // a connection this old clears the back-off
 constexpr int kBackoffBaseMs = 500;
-constexpr int kBackoffCapMs = 30000;
-constexpr size_t kPasswordMax = 4096;
-
-CBrokerLink* Self(void* pThis) {
-  return static_cast<CBrokerLink*>(pThis);
-}
+// There is one cloud, not a fleet of them: trying every few seconds harms nobody, and what machines have
+// handed to the broker should not wait longer than that once the trouble is over.
+constexpr int kBackoffCapMs = 5000;
 
 }  // namespace
 
@@ -53,7 +48,10 @@ bool CBrokerLink::Start(std::string& strError) {
     return false;
   }
   mosquitto_lib_init();
-  if (!Setup(strError)) {
+  // What the configuration names is read now, so that a mistake is a failed start.
+  const bool bUsable = SetupTls(m_config.listAddresses.front().strHost, strError) && Setup(strError);
+  Discard();
+  if (!bUsable) {
     Stop();
     return false;
   }
@@ -62,47 +60,11 @@ bool CBrokerLink::Start(std::string& strError) {
   return true;
 }
 
-bool CBrokerLink::Setup(std::string& strError) {
-  m_pMosq = mosquitto_new(m_config.strClientId.c_str(), false, this);
-  if (m_pMosq == nullptr) {
-    strError = "broker: out of memory";
-    return false;
-  }
-  // Packets are queued by the library and written by us: an acknowledgement cannot leave before its commit.
-  mosquitto_threaded_set(m_pMosq, true);
-  mosquitto_int_option(m_pMosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
-  mosquitto_int_option(m_pMosq, MOSQ_OPT_TCP_NODELAY, 1);
-  mosquitto_max_inflight_messages_set(m_pMosq, kWindow);
-  mosquitto_connect_callback_set(m_pMosq, &CBrokerLink::OnConnect);
-  mosquitto_subscribe_callback_set(m_pMosq, &CBrokerLink::OnSubscribe);
-  mosquitto_message_callback_set(m_pMosq, &CBrokerLink::OnMessage);
-  mosquitto_publish_callback_set(m_pMosq, &CBrokerLink::OnPublish);
-  if (!m_config.strUser.empty()) {
-    CPString strFile;
-    if (!m_config.strPasswordFile.empty() && !ZxReadFileText(CPString(m_config.strPasswordFile), strFile)) {
-      strError = "broker.password_file " + m_config.strPasswordFile + ": " + ErrnoText(errno);
-      return false;
-    }
-    const std::string strPassword(Trim(strFile.View()).substr(0, kPasswordMax));
-    mosquitto_username_pw_set(m_pMosq, m_config.strUser.c_str(),
-                              strPassword.empty() ? nullptr : strPassword.c_str());
-  }
-  if (m_config.bPlaintextLoopback)
-    return true;
-  const auto orNull = [](const std::string& str) { return str.empty() ? nullptr : str.c_str(); };
-  const int iCode = mosquitto_tls_set(m_pMosq, m_config.strCaFile.c_str(), nullptr,
-                                      orNull(m_config.strCertFile), orNull(m_config.strKeyFile), nullptr);
-  if (iCode != MOSQ_ERR_SUCCESS) {
-    strError = std::string("broker.ca_file, cert_file or key_file: ") + mosquitto_strerror(iCode);
-    return false;
-  }
-  return true;
-}
-
 void CBrokerLink::Discard() {
   if (m_pMosq != nullptr)
     mosquitto_destroy(m_pMosq);
   m_pMosq = nullptr;
+  m_pCtx.reset();
   m_listBatch.clear();
   m_uBatchBytes = 0;
   m_listPushed.clear();
@@ -149,7 +111,7 @@ void CBrokerLink::Loop() {
   while (!m_bStop) {
     if (Connect())
       ServeConnection();
-    if (m_bStop && mosquitto_socket(m_pMosq) >= 0 && mosquitto_disconnect(m_pMosq) == MOSQ_ERR_SUCCESS)
+    if (m_bStop && m_bUp && mosquitto_disconnect(m_pMosq) == MOSQ_ERR_SUCCESS)
       mosquitto_loop_write(m_pMosq, 1);
     m_bUp = false;
     Discard();
@@ -167,25 +129,6 @@ void CBrokerLink::Lost(const std::string& strWhy) {
               AddressText(m_config.listAddresses[m_uAddress]), strWhy);
   m_bOffline = true;
   m_uAddress = (m_uAddress + 1) % m_config.listAddresses.size();
-}
-
-bool CBrokerLink::Connect() {
-  const _Address& address = m_config.listAddresses[m_uAddress];
-  std::string strError;
-  m_iConnack = -1;
-  m_bSubscribed = m_bSubscribeRefused = false;
-  if (m_pMosq == nullptr && !Setup(strError)) {
-    Lost(strError);
-    return false;
-  }
-  errno = 0;
-  const int iCode =
-      mosquitto_connect(m_pMosq, address.strHost.c_str(), address.iPort, m_config.iKeepaliveSec);
-  if (iCode != MOSQ_ERR_SUCCESS) {
-    Lost(iCode == MOSQ_ERR_ERRNO ? ErrnoText(errno) : std::string(mosquitto_strerror(iCode)));
-    return false;
-  }
-  return true;
 }
 
 void CBrokerLink::ServeConnection() {
@@ -208,17 +151,28 @@ void CBrokerLink::ServeConnection() {
       OnUp();
     if (!m_bUp && ZxGetTickCount() > u64Deadline)
       return Lost("no answer to the connection");
-    if (!CommitBatch() || (m_bUp && !PublishWaiting()))
+    if (!CommitBatch() || (m_bUp && !PublishWaiting()) || !TurnConnection())
       return;
-    // Until the handshake is through, the library does not say that it wants to write.
-    int iCode = MOSQ_ERR_SUCCESS;
-    if (m_iConnack < 0 || mosquitto_want_write(m_pMosq))
-      iCode = mosquitto_loop_write(m_pMosq, 1);
-    if (iCode == MOSQ_ERR_SUCCESS)
-      iCode = mosquitto_loop_misc(m_pMosq);
-    if (iCode != MOSQ_ERR_SUCCESS)
-      return Lost(mosquitto_strerror(iCode));
   }
+}
+
+// What the library wants to write, and its keep-alive.
+bool CBrokerLink::TurnConnection() {
+  int iCode = MOSQ_ERR_SUCCESS;
+  const bool bHandshake = Handshaking();
+  // While TLS shakes hands, reading carries it on, also when nothing is there to be read.
+  if (bHandshake)
+    iCode = mosquitto_loop_read(m_pMosq, 1);
+  if (iCode == MOSQ_ERR_SUCCESS && !Handshaking() && (m_iConnack < 0 || mosquitto_want_write(m_pMosq)))
+    iCode = mosquitto_loop_write(m_pMosq, 1);
+  if (iCode == MOSQ_ERR_SUCCESS && bHandshake && EndedInHandshake())
+    iCode = MOSQ_ERR_CONN_LOST;
+  if (iCode == MOSQ_ERR_SUCCESS && !bHandshake)
+    iCode = mosquitto_loop_misc(m_pMosq);
+  if (iCode == MOSQ_ERR_SUCCESS)
+    return true;
+  Lost(FailureText(iCode));
+  return false;
 }
 
 bool CBrokerLink::Subscribe() {
@@ -246,7 +200,10 @@ void CBrokerLink::OnUp() {
 }
 
 bool CBrokerLink::WaitForWork(int iMs, bool& bReadable) {
-  const int iWrite = mosquitto_want_write(m_pMosq) ? POLLOUT : 0;
+  // The CONNECT packet waits behind the handshake; asking for writability then would spin.
+  const bool bWrite = Handshaking() ? SSL_want_write(static_cast<SSL*>(mosquitto_ssl_get(m_pMosq)))
+                                    : mosquitto_want_write(m_pMosq);
+  const int iWrite = bWrite ? POLLOUT : 0;
   pollfd fds[2] = {{mosquitto_socket(m_pMosq), static_cast<short>(POLLIN | iWrite), 0},
                    {m_iWakeFd, POLLIN, 0}};
   if (poll(fds, 2, iMs) < 0)
@@ -266,7 +223,7 @@ bool CBrokerLink::ReceiveBatch() {
     errno = 0;
     const int iCode = mosquitto_loop_read(m_pMosq, 1);
     if (iCode != MOSQ_ERR_SUCCESS) {
-      Lost(mosquitto_strerror(iCode));
+      Lost(FailureText(iCode));
       return false;
     }
     if (m_listBatch.size() >= kBatchMax || m_uBatchBytes >= kBatchBytes)
@@ -293,7 +250,8 @@ bool CBrokerLink::CommitBatch() {
   }
   if (m_listBatch.empty())
     return true;
-  if (!m_service.OnMessages(m_listBatch)) {
+  std::vector<_Confirm> listConfirms;
+  if (!m_service.OnMessages(m_listBatch, listConfirms)) {
     // The connection goes down with its unsent acknowledgements; the broker delivers again.
     Lost("the store does not work");
     return false;
@@ -301,11 +259,25 @@ bool CBrokerLink::CommitBatch() {
   m_listBatch.clear();
   m_uBatchBytes = 0;
   m_uFailures = 0;
+  return PublishConfirms(listConfirms);
+}
+
+// QoS 0: a machine that is not there, or misses one, sends its upload again and is told again.
+bool CBrokerLink::PublishConfirms(const std::vector<_Confirm>& listConfirms) {
+  for (const _Confirm& confirm : listConfirms) {
+    const int iCode =
+        mosquitto_publish(m_pMosq, nullptr, ConfirmTopic(confirm.strMid).c_str(),
+                          static_cast<int>(confirm.strText.size()), confirm.strText.data(), 0, false);
+    if (iCode != MOSQ_ERR_SUCCESS) {
+      Lost(mosquitto_strerror(iCode));
+      return false;
+    }
+  }
   return true;
 }
 
 bool CBrokerLink::PublishWaiting() {
-  const int iFree = kWindow - static_cast<int>(m_mapInFlight.size());
+  const int iFree = kBrokerWindow - static_cast<int>(m_mapInFlight.size());
   if (!m_bMayWait || iFree <= 0)
     return true;
   std::vector<_PushItem> listItems;
@@ -325,39 +297,6 @@ bool CBrokerLink::PublishWaiting() {
     m_mapInFlight[iMid] = item.i64Seq;
   }
   return true;
-}
-
-void CBrokerLink::OnConnect(mosquitto*, void* pThis, int iCode) {
-  Self(pThis)->m_iConnack = iCode;
-}
-
-void CBrokerLink::OnSubscribe(mosquitto*, void* pThis, int, int iCount, const int* pGranted) {
-  for (int i = 0; i < iCount; ++i) {
-    if (pGranted[i] > 2)
-      Self(pThis)->m_bSubscribeRefused = true;
-  }
-  Self(pThis)->m_bSubscribed = true;
-}
-
-void CBrokerLink::OnMessage(mosquitto*, void* pThis, const mosquitto_message* pMessage) {
-  const char* pData = static_cast<const char*>(pMessage->payload);
-  const auto uLength = pData != nullptr ? static_cast<size_t>(pMessage->payloadlen) : 0;
-  try {
-    Self(pThis)->m_listBatch.push_back(
-        {pMessage->topic, std::string(pData != nullptr ? pData : "", uLength)});
-    Self(pThis)->m_uBatchBytes += uLength;
-  } catch (const std::exception&) {
-    abort();  // out of memory: going on would acknowledge what was never stored
-  }
-}
-
-void CBrokerLink::OnPublish(mosquitto*, void* pThis, int iMid) {
-  CBrokerLink* pLink = Self(pThis);
-  const auto it = pLink->m_mapInFlight.find(iMid);
-  if (it == pLink->m_mapInFlight.end())
-    return;
-  pLink->m_listPushed.push_back(it->second);
-  pLink->m_mapInFlight.erase(it);
 }
 
 }  // namespace zxcloudd

@@ -8,6 +8,9 @@
 // The library object lives as long as one connection, so it carries nothing over to the next: what was not
 // acknowledged is in the database or in the broker.
 //
+// Nothing waits for the network without also waiting for Stop: names are looked up on a thread of their own,
+// and the connection is made without blocking. Each address of a name is tried in turn.
+//
 // Threads: Start and Stop from main; Wake and IsUp from any. Only the link's thread touches the library.
 #pragma once
 
@@ -20,6 +23,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "BrokerTls.h"
 #include "CloudConfig.h"
 #include "CloudService.h"
 
@@ -27,6 +31,8 @@ struct mosquitto;
 struct mosquitto_message;
 
 namespace zxcloudd {
+
+inline constexpr int kBrokerWindow = 64;  // commands the broker has not acknowledged
 
 class CBrokerLink {
  public:
@@ -37,20 +43,33 @@ class CBrokerLink {
 
   // False: the configuration cannot work (strError says why). An unreachable broker is no failure.
   bool Start(std::string& strError);
-  void Stop();  // waits for the thread; at most one connection attempt
+  void Stop();  // waits for the thread, which never blocks on the network
   void Wake();  // a command may be waiting
   bool IsUp() const { return m_bUp.load(std::memory_order_relaxed); }
 
  private:
+  // Making a connection (BrokerDial.cpp).
   bool Setup(std::string& strError);
+  bool SetupTls(const std::string& strHost, std::string& strError);
+  bool Connect();
+  std::vector<std::string> LookUp(const std::string& strHost, std::string& strError);
+  bool Dial(const std::string& strIp, int iPort, std::string& strError);
+  bool AwaitTcp(std::string& strError);
+  // Waits for one event of a descriptor; false on time-out and on stop.
+  bool Await(int iFd, short nEvents, uint64_t u64Until);
+  bool Handshaking() const;
+  bool EndedInHandshake() const;
+  std::string FailureText(int iCode) const;
+
   void Discard();
   void Loop();
-  bool Connect();
   void ServeConnection();
+  bool TurnConnection();
   bool Subscribe();
   bool WaitForWork(int iMs, bool& bReadable);
   bool ReceiveBatch();
   bool CommitBatch();
+  bool PublishConfirms(const std::vector<_Confirm>& listConfirms);
   bool PublishWaiting();
   void OnUp();
   void Lost(const std::string& strWhy);
@@ -71,6 +90,7 @@ class CBrokerLink {
 
   // The link's thread only.
   mosquitto* m_pMosq = nullptr;
+  TSslCtx m_pCtx;            // of this connection; null: plain text
   size_t m_uAddress = 0;     // the next one to try
   unsigned m_uFailures = 0;  // in a row
   std::minstd_rand m_random;

@@ -108,6 +108,7 @@ void ReadAgentServer(CMembers members, const std::string& strBase, _AgentServerC
   members.Path("client_ca_file", strBase, agent.strClientCaFile);
   members.Flag("cert_names_mid", agent.bCertNamesMid);
   members.Number("threads", 1, 1024, agent.iThreads);
+  members.Number("connections", 1, 100000, agent.iConnections);
   members.Number("idle_sec", 1, 300, agent.iIdleSec);
   members.Number("max_body_bytes", 1024, 256 << 20, agent.uMaxBodyBytes);
   if (agent.strCertFile.empty() || agent.strKeyFile.empty())
@@ -192,6 +193,7 @@ void ReadTconf(CPJsonParse& json, CMembers members, _TconfConfig& tconf, std::st
   members.Number("spread_sec", 0, 600, tconf.iSpreadSec);
   members.Number("refresh_sec", 60, 86400, tconf.iRefreshSec);
   members.Number("max_message_bytes", 1024, 256 << 20, tconf.iMaxMessageBytes);
+  members.Flag("confirm", tconf.bConfirm);
   members.End();
 }
 
@@ -211,6 +213,8 @@ void ReadLimits(CMembers members, _LimitConfig& limits) {
   members.Number("uploads_per_agent", 0, kMax, limits.iUploadsPerAgent);
   members.Number("upload_bytes_per_agent", 0, 1ll << 40, limits.i64UploadBytesPerAgent);
   members.Number("upload_ids_per_agent", 1, kMax, limits.iUploadIdsPerAgent);
+  members.Number("upload_id_days", 1, 36500, limits.iUploadIdDays);
+  members.Number("store_bytes", 64 << 20, 1ll << 44, limits.i64StoreBytes);
   members.End();
 }
 

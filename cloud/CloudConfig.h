@@ -23,6 +23,7 @@ struct _AgentServerConfig {
   std::string strClientCaFile;      // not empty: every agent must show a certificate of this CA
   bool bCertNamesMid = false;       // its common name must be the mid it speaks for
   int iThreads = 32;                // a kept connection occupies one of them
+  int iConnections = 1024;          // served and waiting; further ones are closed at once
   int iIdleSec = 5;                 // a kept connection is closed after this long without a request
   size_t uMaxBodyBytes = 9u << 20;  // one upload
 };
@@ -46,6 +47,7 @@ struct _TconfConfig {
   std::string strPcid;  // "product,combo,number" joined by "|"
   std::string strShort, strLong, strLb;
   int iKeepaliveSec = 30, iSpreadSec = 60, iRefreshSec = 3600, iMaxMessageBytes = 8 << 20;
+  bool bConfirm = false;  // uploads over the broker are confirmed to the machine when they are on disk
 };
 
 struct _PollConfig {
@@ -55,6 +57,8 @@ struct _PollConfig {
   int iMaxOffers = 5;     // then it counts as expired
 };
 
+inline constexpr int kUploadIdsAlways = 1000;
+
 // Bounds of what agents and operators can make the cloud keep.
 struct _LimitConfig {
   int iAgents = 10000;
@@ -62,7 +66,13 @@ struct _LimitConfig {
   int iFinishedPerAgent = 1000;  // older finished commands are forgotten
   int iUploadsPerAgent = 1000;   // bodies kept; older ones are dropped, their ids stay
   int64_t i64UploadBytesPerAgent = 64ll << 20;
-  int iUploadIdsPerAgent = 20000;  // how far back a repeat is recognised
+  // How far back a repeat is recognised: so many uploads, and so long; the newest kUploadIdsAlways are
+  // remembered however old they are, so that a jump of the clock forgets nothing that can still be repeated.
+  int iUploadIdsPerAgent = 20000;
+  int iUploadIdDays = 30;
+  // The database: before it grows beyond, the machines with the most in it lose their oldest bodies, then the
+  // oldest ids go.
+  int64_t i64StoreBytes = 8ll << 30;
 };
 
 struct _CloudConfig {

@@ -72,7 +72,6 @@ bool CheckText(_NewCommand& command, std::string& strError) {
 }
 
 void WriteCommand(CJsonText& json, const _CommandRow& row) {
-  json.Object();
   json.Number("seq", row.i64Seq);
   json.Text("ID", row.strID);
   json.Text("mid", row.strMid);
@@ -84,6 +83,29 @@ void WriteCommand(CJsonText& json, const _CommandRow& row) {
   json.Number("offers", row.i64Offers);
   json.Number("created_ms", row.i64Created);
   json.Number("finished_ms", row.i64Finished);
+}
+
+void WriteUpload(CJsonText& json, const _UploadRow& row) {
+  json.Number("seq", row.i64Seq);
+  json.Text("mid", row.strMid);
+  json.Text("id", row.strMessageId);
+  json.Number("priority", row.iPriority);
+  json.Text("via", row.strVia);
+  json.Text("type", row.strType);
+  json.Text("kind", row.strKind);
+  json.Text("about", row.strAbout);
+  json.Text("outcome", row.strOutcome);
+  json.Text("product", row.strProduct);
+  json.Text("combo", row.strCombo);
+  json.Number("received_ms", row.i64Received);
+  json.Number("size", row.i64Size);
+  json.Bool("kept", row.bKept);
+}
+
+void WriteTrace(CJsonText& json, const _CommandRow& row) {
+  json.Object();
+  WriteCommand(json, row);
+  json.Text("text", row.strText);
   json.Array("events");
   for (const _CommandEvent& event : row.listEvents) {
     json.Object();
@@ -202,7 +224,7 @@ _Reply CCloudService::OpTrace(const std::string& strID) {
   std::vector<_CommandRow> listCommands;
   if (!IsCommandId(strID))
     return Refuse(400, "not a command id");
-  if (!m_store.Run([&](CSqlite& db) { return CCommandTable::List(db, strID, kTraceMax, listCommands); }))
+  if (!m_store.Run([&](CSqlite& db) { return CCommandTable::Find(db, strID, kTraceMax, listCommands); }))
     return Refuse(503, "the store does not work");
   if (listCommands.empty())
     return Refuse(404, "no command with this id");
@@ -210,31 +232,65 @@ _Reply CCloudService::OpTrace(const std::string& strID) {
   json.Text("ID", strID);
   json.Array("commands");
   for (const _CommandRow& row : listCommands)
-    WriteCommand(json, row);
+    WriteTrace(json, row);
   return Answer(200, json);
 }
 
-_Reply CCloudService::OpUploads(const std::string& strMid, int64_t i64After, int iMax) {
+_Reply CCloudService::OpCommands(const std::string& strMid, const std::string& strState, int iMax) {
+  std::vector<_CommandRow> listCommands;
+  if (!m_store.Run(
+          [&](CSqlite& db) { return CCommandTable::List(db, strMid, strState, iMax, listCommands); }))
+    return Refuse(503, "the store does not work");
+  CJsonText json;
+  json.Array("commands");
+  for (const _CommandRow& row : listCommands) {
+    json.Object();
+    WriteCommand(json, row);
+    json.End();
+  }
+  return Answer(200, json);
+}
+
+_Reply CCloudService::OpUploads(const _UploadFilter& filter) {
   std::vector<_UploadRow> listUploads;
-  if (!m_store.Run([&](CSqlite& db) { return CUploadTable::List(db, strMid, i64After, iMax, listUploads); }))
+  if (!m_store.Run([&](CSqlite& db) { return CUploadTable::List(db, filter, listUploads); }))
     return Refuse(503, "the store does not work");
   CJsonText json;
   json.Array("uploads");
   for (const _UploadRow& row : listUploads) {
     json.Object();
-    json.Number("seq", row.i64Seq);
-    json.Text("mid", row.strMid);
-    json.Text("id", row.strMessageId);
-    json.Number("priority", row.iPriority);
-    json.Text("via", row.strVia);
-    json.Text("kind", row.strKind);
-    json.Text("product", row.strProduct);
-    json.Text("combo", row.strCombo);
-    json.Number("received_ms", row.i64Received);
-    json.Number("size", row.i64Size);
-    json.Text("upload", row.strBody);
+    WriteUpload(json, row);
+    if (filter.i64BodyMax > 0)
+      json.Text("upload", row.strBody);
     json.End();
   }
+  return Answer(200, json);
+}
+
+_Reply CCloudService::OpUpload(int64_t i64Seq) {
+  _UploadRow row;
+  bool bFound = false;
+  if (!m_store.Run([&](CSqlite& db) { return CUploadTable::Get(db, i64Seq, row, bFound); }))
+    return Refuse(503, "the store does not work");
+  if (!bFound)
+    return Refuse(404, "no upload with this number, or it was forgotten");
+  CJsonText json;
+  WriteUpload(json, row);
+  _UploadHeader header;
+  if (row.bKept && ParseUpload(row.strBody, header)) {
+    json.Object("header");
+    json.Text("mid", header.svMid);
+    json.Text("m2", header.svMid2);
+    json.Text("product", header.svProduct);
+    json.Text("combo", header.svCombo);
+    json.Text("ipartner", header.svPartner);
+    json.Text("pid", header.svChannel);
+    json.Text("sysver", header.svSysVer);
+    json.Text("version", header.svVersion);
+    json.End();
+    json.Text("body", header.svBody);
+  }
+  json.Text("upload", row.strBody);
   return Answer(200, json);
 }
 

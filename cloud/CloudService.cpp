@@ -1,5 +1,7 @@
 #include "CloudService.h"
 
+#include <algorithm>
+
 #include "CloudLog.h"
 #include "CloudText.h"
 #include "JsonText.h"
@@ -11,6 +13,8 @@ namespace {
 
 constexpr size_t kHeaderFieldMax = 256;
 constexpr size_t kMessageIdShown = 64;
+constexpr int kUploadsPerTidy = 256;
+constexpr int64_t kTidyShare = 32;
 
 _Reply Failure(int iStatus, const char* pszWhy) {
   CJsonText json;
@@ -35,7 +39,18 @@ std::string TconfText(const _TconfConfig& tconf) {
   json.Number("spread_sec", tconf.iSpreadSec);
   json.Number("refresh_sec", tconf.iRefreshSec);
   json.Number("max_message_bytes", tconf.iMaxMessageBytes);
+  if (tconf.bConfirm)
+    json.Number("confirm", 1);
   return json.Str();
+}
+
+void AddConfirm(const std::string& strMid, std::string_view svMessageId, bool bStored,
+                std::vector<_Confirm>& listConfirms) {
+  auto it = std::find_if(listConfirms.begin(), listConfirms.end(),
+                         [&](const _Confirm& confirm) { return confirm.strMid == strMid; });
+  if (it == listConfirms.end())
+    it = listConfirms.insert(it, {strMid, "zx1\n"});
+  it->strText.append(1, bStored ? '+' : '-').append(svMessageId).append(1, '\n');
 }
 
 bool IsField(std::string_view sv) {
@@ -140,6 +155,16 @@ _Reply CCloudService::Health() {
   return reply;
 }
 
+// On the store's thread. Before the insert, so that one that finds no room has made some for the next.
+bool CCloudService::Housekeep(CSqlite& db, size_t uBytes, int64_t i64Now) {
+  m_i64BytesToTidy -= static_cast<int64_t>(uBytes);
+  if (--m_iUploadsToTidy > 0 && m_i64BytesToTidy > 0)
+    return true;
+  m_iUploadsToTidy = kUploadsPerTidy;
+  m_i64BytesToTidy = m_config.limits.i64StoreBytes / kTidyShare;
+  return CUploadTable::Housekeep(db, m_config.limits, i64Now);
+}
+
 bool CCloudService::StoreUpload(CSqlite& db, const _NewUpload& upload, EUpload& eResult) {
   _UploadHeader header;
   if (upload.svUpload.size() > m_config.agent.uMaxBodyBytes || !ParseUpload(upload.svUpload, header) ||
@@ -164,11 +189,12 @@ bool CCloudService::StoreUpload(CSqlite& db, const _NewUpload& upload, EUpload& 
               std::string(upload.svMid));
     return true;
   }
-  if (!CUploadTable::Insert(db, upload, header, m_config.limits, i64Now, bRepeat))
+  if (!Housekeep(db, upload.svUpload.size(), i64Now) ||
+      !CUploadTable::Insert(db, upload, header, m_config.limits, i64Now, bRepeat))
     return false;
   eResult = bRepeat ? EUpload::Repeat : EUpload::Stored;
   _Ack ack;
-  if (bRepeat || header.eKind == EUploadKind::Tags || !ParseAck(header.svBody, ack))
+  if (bRepeat || header.eType == EUploadType::Tags || !ParseAck(header.svBody, ack))
     return true;
   if (!CCommandTable::SetAcked(db, upload.svMid, ack, m_config.limits, i64Now, bKnown))
     return false;
@@ -177,7 +203,8 @@ bool CCloudService::StoreUpload(CSqlite& db, const _NewUpload& upload, EUpload& 
   return true;
 }
 
-bool CCloudService::OnMessage(CSqlite& db, const _BrokerMessage& message, bool& bWake) {
+bool CCloudService::OnMessage(CSqlite& db, const _BrokerMessage& message, bool& bWake,
+                              std::vector<_Confirm>& listConfirms) {
   _Topic topic;
   bool bOnline = false, bFull = false;
   _NewUpload upload;
@@ -187,7 +214,11 @@ bool CCloudService::OnMessage(CSqlite& db, const _BrokerMessage& message, bool& 
     upload.svMid = topic.strMid;
     upload.iPriority = topic.iPriority;
     EUpload eResult = EUpload::Bad;
-    return StoreUpload(db, upload, eResult);
+    if (!StoreUpload(db, upload, eResult))
+      return false;
+    if (m_config.tconf.bConfirm && eResult != EUpload::Full)
+      AddConfirm(topic.strMid, upload.svMessageId, eResult != EUpload::Bad, listConfirms);
+    return true;
   }
   if (bTopic && topic.eKind == ETopic::Status && ParseStatusPayload(message.strPayload, bOnline)) {
     const int64_t i64Now = NowMs();
@@ -203,15 +234,18 @@ bool CCloudService::OnMessage(CSqlite& db, const _BrokerMessage& message, bool& 
   return true;
 }
 
-bool CCloudService::OnMessages(const std::vector<_BrokerMessage>& listMessages) {
+bool CCloudService::OnMessages(const std::vector<_BrokerMessage>& listMessages,
+                               std::vector<_Confirm>& listConfirms) {
   bool bWake = false;
   const bool bDone = m_store.Run([&](CSqlite& db) {
     for (const _BrokerMessage& message : listMessages) {
-      if (!OnMessage(db, message, bWake))
+      if (!OnMessage(db, message, bWake, listConfirms))
         return false;
     }
     return true;
   });
+  if (!bDone)
+    listConfirms.clear();
   if (bDone && bWake && m_fnWake)
     m_fnWake();
   return bDone;

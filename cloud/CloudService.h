@@ -29,6 +29,13 @@ struct _BrokerMessage {
   std::string strTopic, strPayload;
 };
 
+// What a machine is told about its uploads: "zx1" LF, then a line for each, "+<message id>" when it is on
+// disk (now or since an earlier delivery), "-<message id>" when it is refused for good. One that the cloud
+// cannot take now has none.
+struct _Confirm {
+  std::string strMid, strText;
+};
+
 class CCloudService {
  public:
   CCloudService(CStore& store, const _CloudConfig& config);
@@ -45,8 +52,9 @@ class CCloudService {
                 const std::string& strUpload);
   _Reply Health();
 
-  // For the broker link. True: everything that must survive is on disk, so the messages may be acknowledged.
-  bool OnMessages(const std::vector<_BrokerMessage>& listMessages);
+  // For the broker link. True: everything that must survive is on disk, so the messages may be acknowledged,
+  // and the machines told (listConfirms; empty unless the configuration asks for it).
+  bool OnMessages(const std::vector<_BrokerMessage>& listMessages, std::vector<_Confirm>& listConfirms);
   // After (re)connecting nobody is known to be online until the broker repeats its retained states, and
   // commands that the broker did not acknowledge are sent again.
   bool OnBrokerConnected();
@@ -57,14 +65,18 @@ class CCloudService {
   _Reply OpPush(const std::string& strJson);
   _Reply OpAgents();
   _Reply OpTrace(const std::string& strID);
-  _Reply OpUploads(const std::string& strMid, int64_t i64After, int iMax);
+  _Reply OpCommands(const std::string& strMid, const std::string& strState, int iMax);
+  _Reply OpUploads(const _UploadFilter& filter);
+  _Reply OpUpload(int64_t i64Seq);
   _Reply OpStatus();
 
  private:
   // What became of one upload.
   enum class EUpload { Stored, Repeat, Bad, Full };
   bool StoreUpload(CSqlite& db, const _NewUpload& upload, EUpload& eResult);
-  bool OnMessage(CSqlite& db, const _BrokerMessage& message, bool& bWake);
+  bool Housekeep(CSqlite& db, size_t uBytes, int64_t i64Now);
+  bool OnMessage(CSqlite& db, const _BrokerMessage& message, bool& bWake,
+                 std::vector<_Confirm>& listConfirms);
 
   CStore& m_store;
   const _CloudConfig m_config;
@@ -72,6 +84,9 @@ class CCloudService {
   const int64_t m_i64Started;
   std::function<void()> m_fnWake;
   std::function<bool()> m_fnBrokerUp;
+  // The store's thread only: until the next housekeeping.
+  int m_iUploadsToTidy = 1;
+  int64_t m_i64BytesToTidy = 0;
   std::atomic<uint64_t> m_u64Refused{0};  // malformed or foreign uploads and requests since start
 };
 

@@ -187,39 +187,56 @@ bool CCommandTable::SetAcked(CSqlite& db, std::string_view svMid, const _Ack& ac
       .Run();
 }
 
-bool CCommandTable::List(CSqlite& db, std::string_view svID, int iMax,
+namespace {
+
+bool ReadRows(CStatement& query, bool bText, std::vector<_CommandRow>& listCommands) {
+  EStep eStep = EStep::Done;
+  while ((eStep = query.Step()) == EStep::Row) {
+    _CommandRow row;
+    row.i64Seq = query.Int(0);
+    row.i64Created = query.Int(1);
+    row.i64Finished = query.Int(2);
+    row.i64Offers = query.Int(3);
+    row.strID = query.Text(4);
+    row.strMid = query.Text(5);
+    row.strCommand = query.Text(6);
+    row.strVia = query.Text(7);
+    row.strState = query.Text(8);
+    row.iPcid = static_cast<int>(query.Int(9));
+    row.iMsgType = static_cast<int>(query.Int(10));
+    if (bText)
+      row.strText = query.Text(11);
+    listCommands.push_back(std::move(row));
+  }
+  return eStep == EStep::Done;
+}
+
+}  // namespace
+
+bool CCommandTable::Find(CSqlite& db, std::string_view svID, int iMax,
                          std::vector<_CommandRow>& listCommands) {
   {
     CStatement query = db.Query(
-        "SELECT seq, created, finished, offers, id, mid, command, via, state, pcid, msg_type FROM commands "
-        "WHERE ?1 = '' OR id = ?1 ORDER BY seq DESC LIMIT ?2");
+        "SELECT seq, created, finished, offers, id, mid, command, via, state, pcid, msg_type, body FROM commands "
+        "WHERE id = ? ORDER BY seq DESC LIMIT ?");
     query.Bind(svID).Bind(static_cast<int64_t>(iMax));
-    EStep eStep = EStep::Done;
-    while ((eStep = query.Step()) == EStep::Row) {
-      _CommandRow row;
-      row.i64Seq = query.Int(0);
-      row.i64Created = query.Int(1);
-      row.i64Finished = query.Int(2);
-      row.i64Offers = query.Int(3);
-      row.strID = query.Text(4);
-      row.strMid = query.Text(5);
-      row.strCommand = query.Text(6);
-      row.strVia = query.Text(7);
-      row.strState = query.Text(8);
-      row.iPcid = static_cast<int>(query.Int(9));
-      row.iMsgType = static_cast<int>(query.Int(10));
-      listCommands.push_back(std::move(row));
-    }
-    if (eStep == EStep::Error)
+    if (!ReadRows(query, true, listCommands))
       return false;
   }
-  if (svID.empty())
-    return true;
   for (_CommandRow& row : listCommands) {
     if (!ReadEvents(db, row))
       return false;
   }
   return true;
+}
+
+bool CCommandTable::List(CSqlite& db, std::string_view svMid, std::string_view svState, int iMax,
+                         std::vector<_CommandRow>& listCommands) {
+  CStatement query = db.Query(
+      "SELECT seq, created, finished, offers, id, mid, command, via, state, pcid, msg_type FROM commands "
+      "WHERE (?1 = '' OR mid = ?1) AND (?2 = '' OR state = ?2) ORDER BY seq DESC LIMIT ?3");
+  query.Bind(svMid).Bind(svState).Bind(static_cast<int64_t>(iMax));
+  return ReadRows(query, false, listCommands);
 }
 
 bool CCommandTable::CountStates(CSqlite& db, std::vector<std::pair<std::string, int64_t>>& listStates) {

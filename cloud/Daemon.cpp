@@ -46,6 +46,10 @@ CDaemon::~CDaemon() {
 bool CDaemon::Start(std::string& strError) {
   if (!m_store.Open(m_config.strStateDir, strError) || !LoadToken(strError))
     return false;
+  if (!m_store.SetMaxBytes(m_config.limits.i64StoreBytes)) {
+    strError = m_config.strStateDir + "/zxcloudd.db: its size cannot be bounded";
+    return false;
+  }
   const auto agentHandler = [this](const _HttpRequest& request) {
     return HandleAgent(m_service, m_config.agent, request);
   };

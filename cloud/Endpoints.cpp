@@ -9,6 +9,11 @@ namespace zxcloudd {
 namespace {
 
 constexpr char kTracePath[] = "/op/v1/trace/";
+constexpr char kUploadPath[] = "/op/v1/uploads/";
+
+bool Below(const std::string& strPath, std::string_view svPrefix) {
+  return strPath.compare(0, svPrefix.size(), svPrefix) == 0;
+}
 
 _Reply Error(int iStatus, const char* pszJson) {
   _Reply reply;
@@ -47,13 +52,44 @@ bool TokenMatches(const std::string& strToken, const std::string& strHeader) {
          CRYPTO_memcmp(strHeader.data(), strExpected.data(), strExpected.size()) == 0;
 }
 
+// A number in the query; false when it is there and is none.
+bool QueryNumber(const _HttpRequest& request, const char* pszName, int64_t i64Min, int64_t i64Max,
+                 int64_t& i64Value) {
+  const std::string strValue = request.fnQuery(pszName);
+  return strValue.empty() || ParseNumber(strValue, i64Min, i64Max, i64Value);
+}
+
 _Reply Uploads(CCloudService& service, const _HttpRequest& request) {
-  int64_t i64After = 0, i64Max = 100;
-  const std::string strAfter = request.fnQuery("after"), strMax = request.fnQuery("max");
-  if ((!strAfter.empty() && !ParseNumber(strAfter, 0, INT64_MAX, i64After)) ||
-      (!strMax.empty() && !ParseNumber(strMax, 1, 1000, i64Max)))
-    return Error(400, "{\"error\":\"after or max is not a number\"}");
-  return service.OpUploads(request.fnQuery("mid"), i64After, static_cast<int>(i64Max));
+  _UploadFilter filter;
+  filter.strMid = request.fnQuery("mid");
+  filter.strKind = request.fnQuery("kind");
+  filter.strAbout = request.fnQuery("about");
+  int64_t i64Max = filter.iMax, i64Newest = 0, i64Body = 65536;
+  if (!QueryNumber(request, "after", 0, INT64_MAX, filter.i64From) ||
+      !QueryNumber(request, "before", 1, INT64_MAX, filter.i64From) ||
+      !QueryNumber(request, "max", 1, 1000, i64Max) || !QueryNumber(request, "newest", 0, 1, i64Newest) ||
+      !QueryNumber(request, "body", 0, 65536, i64Body))
+    return Error(400, "{\"error\":\"after, before, max, newest or body is not a number in its range\"}");
+  filter.iMax = static_cast<int>(i64Max);
+  filter.bNewestFirst = i64Newest != 0 || !request.fnQuery("before").empty();
+  if (filter.bNewestFirst && !request.fnQuery("after").empty())
+    return Error(400, "{\"error\":\"after goes with the oldest first, before with the newest\"}");
+  filter.i64BodyMax = i64Body;
+  return service.OpUploads(filter);
+}
+
+_Reply OneUpload(CCloudService& service, const std::string& strSeq) {
+  int64_t i64Seq = 0;
+  if (!ParseNumber(strSeq, 1, INT64_MAX, i64Seq))
+    return Error(400, "{\"error\":\"not the number of an upload\"}");
+  return service.OpUpload(i64Seq);
+}
+
+_Reply Commands(CCloudService& service, const _HttpRequest& request) {
+  int64_t i64Max = 100;
+  if (!QueryNumber(request, "max", 1, 1000, i64Max))
+    return Error(400, "{\"error\":\"max is not a number in its range\"}");
+  return service.OpCommands(request.fnQuery("mid"), request.fnQuery("state"), static_cast<int>(i64Max));
 }
 
 }  // namespace
@@ -65,6 +101,7 @@ _HttpOptions AgentOptions(const _AgentServerConfig& config) {
   options.strKeyFile = config.strKeyFile;
   options.strClientCaFile = config.strClientCaFile;
   options.iThreads = config.iThreads;
+  options.iConnections = config.iConnections;
   options.iIdleSec = config.iIdleSec;
   options.uMaxBodyBytes = config.uMaxBodyBytes;
   options.listGet = {"/v1/tconf", "/v1/health"};
@@ -91,7 +128,8 @@ _HttpOptions OperatorOptions(const _OperatorConfig& config) {
   options.listen = config.listen;
   options.iIdleSec = 1;
   options.uMaxBodyBytes = 4u << 20;
-  options.listGet = {"/op/v1/agents", kTracePath, "/op/v1/uploads", "/op/v1/status"};
+  options.listGet = {"/op/v1/agents",  kTracePath,  "/op/v1/commands",
+                     "/op/v1/uploads", kUploadPath, "/op/v1/status"};
   options.listPost = {"/op/v1/push"};
   return options;
 }
@@ -105,6 +143,10 @@ _Reply HandleOperator(CCloudService& service, const std::string& strToken, const
     return service.OpAgents();
   if (request.strPath == "/op/v1/uploads")
     return Uploads(service, request);
+  if (Below(request.strPath, kUploadPath))
+    return OneUpload(service, request.strPath.substr(sizeof(kUploadPath) - 1));
+  if (request.strPath == "/op/v1/commands")
+    return Commands(service, request);
   if (request.strPath == "/op/v1/status")
     return service.OpStatus();
   return service.OpTrace(request.strPath.substr(sizeof(kTracePath) - 1));

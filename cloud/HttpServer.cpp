@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <thread>
 
 #include "HttpStream.h"
@@ -75,6 +76,37 @@ _HttpRequest MakeRequest(const httplib::Request& req) {
 // The library runs a connection's handlers on the thread that serves the connection.
 thread_local bool t_bCloseConnection = false;
 
+// Set while the listening thread hands over a connection that is one too many.
+thread_local bool t_bTooMany = false;
+
+// The library's pool, but what waits for a thread is bounded, and with it the descriptors that strangers can
+// take.
+class CBoundedPool : public httplib::TaskQueue {
+ public:
+  CBoundedPool(int iThreads, int iConnections)
+      : m_pool(static_cast<size_t>(iThreads)), m_iMax(std::max(iThreads, iConnections)) {}
+
+  void enqueue(std::function<void()> fn) override {
+    if (m_iCount.load() >= m_iMax) {
+      t_bTooMany = true;
+      fn();
+      t_bTooMany = false;
+      return;
+    }
+    ++m_iCount;
+    m_pool.enqueue([this, fn = std::move(fn)] {
+      fn();
+      --m_iCount;
+    });
+  }
+  void shutdown() override { m_pool.shutdown(); }
+
+ private:
+  httplib::ThreadPool m_pool;
+  const int m_iMax;
+  std::atomic<int> m_iCount{0};
+};
+
 struct _FreeTls {
   void operator()(SSL_CTX* pCtx) const { SSL_CTX_free(pCtx); }
 };
@@ -90,7 +122,7 @@ class CListener : public httplib::Server {
  private:
   bool process_and_close_socket(socket_t sock) override {
     bool bDone = false;
-    {
+    if (!t_bTooMany) {
       CHttpStream stream(sock, m_pCtx.get(), m_iStopFd, m_limits);
       if (m_pCtx == nullptr || stream.Ssl() != nullptr)
         bDone = Serve(stream);
@@ -174,9 +206,7 @@ struct CHttpServer::Impl {
     server.m_iIdleSec = options.iIdleSec;
     // Chunks may be as small as one byte of content in six.
     server.m_limits.uBodyBytes = options.uMaxBodyBytes * 6 + 1024;
-    server.new_task_queue = [n = options.iThreads] {
-      return new httplib::ThreadPool(static_cast<size_t>(n));
-    };
+    server.new_task_queue = [this] { return new CBoundedPool(options.iThreads, options.iConnections); };
     // The library's default shares the port with whoever else asks for it.
     server.set_socket_options([](socket_t sock) {
       const int iYes = 1;

@@ -3,7 +3,7 @@
 // What is bounded before the handler sees it: paths and methods that the handler does not know are refused
 // without reading the body; a body above the limit ends the request with 413; compressed and multipart
 // bodies are refused (415), because their size is only known after unpacking; head, time and idle connections
-// are bounded by the stream (HttpStream.h).
+// are bounded by the stream (HttpStream.h); connections beyond the bound are closed without a word.
 // Threads: the handler runs on the listener's pool. Start and Stop from one thread.
 #pragma once
 
@@ -29,6 +29,7 @@ struct _HttpOptions {
   _Address listen;
   std::string strCertFile, strKeyFile, strClientCaFile;  // without strCertFile: plain HTTP
   int iThreads = 4;
+  int iConnections = 64;  // served and waiting for a thread; further ones are closed at once
   int iIdleSec = 5;
   size_t uMaxBodyBytes = 1 << 20;
   std::vector<std::string> listGet, listPost;  // known paths; one that ends in "/" stands for all below it

@@ -17,7 +17,7 @@ namespace zxcloudd {
 namespace {
 
 constexpr size_t kGroupMax = 64;
-constexpr int kSchemaVersion = 1;
+constexpr int kSchemaVersion = 2;
 
 constexpr const char* kSchema = R"(
 CREATE TABLE agents(
@@ -50,6 +50,30 @@ CREATE TABLE uploads(
 CREATE UNIQUE INDEX uploads_n ON uploads(mid, n);
 CREATE INDEX uploads_kept ON uploads(mid, n) WHERE body IS NOT NULL;
 )";
+
+// Bodies move to a table of their own, whose pages come back when the oldest are dropped; listing uploads
+// does not read them any more. What an upload is about stands beside it.
+constexpr const char* kBodiesApart = R"(
+CREATE TABLE bodies(seq INTEGER PRIMARY KEY, body BLOB NOT NULL);
+INSERT INTO bodies SELECT seq, body FROM uploads WHERE body IS NOT NULL;
+DROP INDEX uploads_kept;
+ALTER TABLE uploads RENAME COLUMN kind TO type;
+ALTER TABLE uploads ADD COLUMN kind TEXT NOT NULL DEFAULT 'data';
+ALTER TABLE uploads ADD COLUMN about TEXT NOT NULL DEFAULT '';
+ALTER TABLE uploads ADD COLUMN outcome TEXT NOT NULL DEFAULT '';
+ALTER TABLE uploads ADD COLUMN kept INTEGER NOT NULL DEFAULT 0;
+UPDATE uploads SET kept = 1 WHERE body IS NOT NULL;
+ALTER TABLE uploads DROP COLUMN body;
+CREATE INDEX uploads_kept ON uploads(mid, n) WHERE kept = 1;
+CREATE INDEX uploads_ids ON uploads(received) WHERE kept = 0;
+CREATE INDEX uploads_kind ON uploads(kind, seq);
+)";
+
+// Each step brings a database of the version before to its own.
+constexpr const char* kUpgrades[] = {
+    kSchema,
+    kBodiesApart,
+};
 
 }  // namespace
 
@@ -85,6 +109,14 @@ bool CStore::Open(const std::string& strDir, std::string& strError) {
   return true;
 }
 
+bool CStore::SetMaxBytes(int64_t i64Bytes) {
+  return Run([i64Bytes](CSqlite& db) {
+    bool bOk = false;
+    const int64_t i64Page = db.Query("PRAGMA page_size").Number(4096, bOk);
+    return bOk && db.Exec(("PRAGMA max_page_count=" + std::to_string(i64Bytes / i64Page)).c_str());
+  });
+}
+
 bool CStore::CreateSchema(std::string& strError) {
   int64_t i64Version = 0;
   bool bOk = false;
@@ -100,7 +132,10 @@ bool CStore::CreateSchema(std::string& strError) {
   }
   if (i64Version == kSchemaVersion)
     return true;
-  return m_db.Exec("BEGIN IMMEDIATE") && m_db.Exec(kSchema) && m_db.Exec("PRAGMA user_version=1") &&
+  bOk = m_db.Exec("BEGIN IMMEDIATE");
+  for (int64_t i64 = i64Version; bOk && i64 < kSchemaVersion; ++i64)
+    bOk = m_db.Exec(kUpgrades[i64]);
+  return bOk && m_db.Exec(("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str()) &&
          m_db.Exec("COMMIT");
 }
 

@@ -33,6 +33,8 @@ class CStore {
   // Creates strDir (0700) and the database when they are not there, takes the directory's lock (one daemon
   // per directory) and starts the thread. On failure strError says what and why.
   bool Open(const std::string& strDir, std::string& strError);
+  // Commits that would make the database larger fail from now on, as on a full disk.
+  bool SetMaxBytes(int64_t i64Bytes);
   // Ends after the jobs that wait; later ones fail at once. Idempotent.
   void Close();
 

@@ -69,7 +69,7 @@ struct _CommandEvent {
 
 struct _CommandRow {
   int64_t i64Seq = 0, i64Created = 0, i64Finished = 0, i64Offers = 0;
-  std::string strID, strMid, strCommand, strVia, strState;
+  std::string strID, strMid, strCommand, strVia, strState, strText;
   int iPcid = 0, iMsgType = -1;
   std::vector<_CommandEvent> listEvents;
 };
@@ -91,8 +91,11 @@ class CCommandTable {
                        std::vector<_PollItem>& listItems);
   static bool SetAcked(CSqlite& db, std::string_view svMid, const _Ack& ack, const _LimitConfig& limits,
                        int64_t i64Now, bool& bKnown);
-  // Every command with this id, or the newest iMax commands when svID is empty (then without events).
-  static bool List(CSqlite& db, std::string_view svID, int iMax, std::vector<_CommandRow>& listCommands);
+  // Every command with this id, with text and events.
+  static bool Find(CSqlite& db, std::string_view svID, int iMax, std::vector<_CommandRow>& listCommands);
+  // The newest commands of a machine and in a state (empty: any), without text and events.
+  static bool List(CSqlite& db, std::string_view svMid, std::string_view svState, int iMax,
+                   std::vector<_CommandRow>& listCommands);
   static bool CountStates(CSqlite& db, std::vector<std::pair<std::string, int64_t>>& listStates);
 };
 
@@ -105,7 +108,18 @@ struct _NewUpload {
 struct _UploadRow {
   int64_t i64Seq = 0, i64Received = 0, i64Size = 0;
   int iPriority = 0;
-  std::string strMid, strMessageId, strVia, strKind, strProduct, strCombo, strBody;
+  bool bKept = false;  // the body is still there
+  std::string strMid, strMessageId, strVia, strType, strKind, strAbout, strOutcome, strProduct, strCombo,
+      strBody;
+};
+
+struct _UploadFilter {
+  std::string strMid, strKind, strAbout;  // empty: any; about also takes a message id
+  // Oldest first: above this sequence number. Newest first: below it, 0 for the newest.
+  int64_t i64From = 0;
+  bool bNewestFirst = false;
+  int iMax = 100;
+  int64_t i64BodyMax = 0;  // bytes of each body; 0: none
 };
 
 class CUploadTable {
@@ -113,9 +127,12 @@ class CUploadTable {
   // Stores one upload of a known machine, unless its id was stored before (bRepeat).
   static bool Insert(CSqlite& db, const _NewUpload& upload, const _UploadHeader& header,
                      const _LimitConfig& limits, int64_t i64Now, bool& bRepeat);
-  // Uploads of one machine (all when empty) with a sequence number above i64After, oldest first.
-  static bool List(CSqlite& db, std::string_view svMid, int64_t i64After, int iMax,
-                   std::vector<_UploadRow>& listUploads);
+  // Forgets ids that are too old, and when nine tenths of the database's bound are used, bodies, then ids.
+  // Bounded work; due after every (bound / 32) bytes and every few hundred uploads.
+  static bool Housekeep(CSqlite& db, const _LimitConfig& limits, int64_t i64Now);
+  static bool List(CSqlite& db, const _UploadFilter& filter, std::vector<_UploadRow>& listUploads);
+  // One upload with its whole body.
+  static bool Get(CSqlite& db, int64_t i64Seq, _UploadRow& row, bool& bFound);
   static bool Count(CSqlite& db, int64_t& i64Received, int64_t& i64Repeats);
 };
 

@@ -64,4 +64,8 @@ std::string PushTopic(const std::string& strMid, int iPcid) {
   return std::string(kRoot) + strMid + "/push/" + std::to_string(iPcid);
 }
 
+std::string ConfirmTopic(const std::string& strMid) {
+  return std::string(kRoot) + strMid + "/ack";
+}
+
 }  // namespace zxcloudd

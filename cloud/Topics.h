@@ -25,4 +25,7 @@ bool ParseUploadPayload(std::string_view svPayload, std::string_view& svMessageI
 bool ParseStatusPayload(std::string_view svPayload, bool& bOnline);
 std::string PushTopic(const std::string& strMid, int iPcid);
 
+// Where a machine hears that its uploads are on disk.
+std::string ConfirmTopic(const std::string& strMid);
+
 }  // namespace zxcloudd

@@ -53,14 +53,14 @@ bool ParseTail(std::string_view svTail, _UploadHeader& header) {
     const size_t uEnd = svTail.find('>');
     if (uEnd == std::string_view::npos)
       return false;
-    header.eKind = EUploadKind::Tags;
+    header.eType = EUploadType::Tags;
     header.svBody = svTail.substr(uEnd + 1);
     return true;
   }
   const bool bServer = StartsWith(svTail, kServerKey);
   if (!bServer && !StartsWith(svTail, kPluginKey))
     return false;
-  header.eKind = bServer ? EUploadKind::ServerData : EUploadKind::PluginData;
+  header.eType = bServer ? EUploadType::ServerData : EUploadType::PluginData;
   svTail.remove_prefix(kPluginKey.size());
   const size_t uEnd = svTail.rfind(kBodyEnd);
   if (uEnd == std::string_view::npos || svTail.back() != '>')
@@ -107,16 +107,69 @@ bool ParseAck(std::string_view svBody, _Ack& ack) {
   return true;
 }
 
-const char* KindName(EUploadKind eKind) {
-  switch (eKind) {
-    case EUploadKind::ServerData:
+const char* TypeName(EUploadType eType) {
+  switch (eType) {
+    case EUploadType::ServerData:
       return "server";
-    case EUploadKind::PluginData:
+    case EUploadType::PluginData:
       return "plugin";
-    case EUploadKind::Tags:
+    case EUploadType::Tags:
       return "tags";
   }
   return "plugin";
+}
+
+namespace {
+
+constexpr std::string_view kMaintCombo = "zxpmaint";
+constexpr size_t kStateMax = 32;
+
+void ParseMaintResult(std::string_view svBody, _UploadNature& nature) {
+  zxtools::CPJsonParse json;
+  CPString strID, strState, strExit;
+  if (svBody.empty() || svBody.front() != '{' || !json.LoadBuffer(svBody.data(), svBody.size()) ||
+      !zxtools::CPJsonParse::GetValue(json.GetNode("ID"), strID) ||
+      !zxtools::CPJsonParse::GetValue(json.GetNode("state"), strState) || !IsCommandId(strID.View()) ||
+      strState.View().size() > kStateMax)
+    return;
+  int64_t i64Exit = 0;
+  nature.strAbout = strID.Str();
+  nature.strOutcome = strState.Str();
+  if (zxtools::CPJsonParse::GetValue(json.GetNode("exit_code"), strExit) &&
+      ParseNumber(strExit.View(), 0, 255, i64Exit))
+    nature.strOutcome += " " + strExit.Str();
+}
+
+}  // namespace
+
+_UploadNature NatureOf(const _UploadHeader& header) {
+  _UploadNature nature;
+  _Ack ack;
+  if (header.eType == EUploadType::Tags) {
+    nature.eKind = EUploadKind::Tags;
+  } else if (ParseAck(header.svBody, ack)) {
+    nature.eKind = EUploadKind::Ack;
+    nature.strAbout = ack.strID;
+    nature.strOutcome = std::to_string(ack.iMsgType);
+  } else if (header.svCombo == kMaintCombo) {
+    nature.eKind = EUploadKind::Maint;
+    ParseMaintResult(header.svBody, nature);  // a tool of somebody else may write another format
+  }
+  return nature;
+}
+
+const char* KindName(EUploadKind eKind) {
+  switch (eKind) {
+    case EUploadKind::Ack:
+      return "ack";
+    case EUploadKind::Maint:
+      return "maint";
+    case EUploadKind::Tags:
+      return "tags";
+    case EUploadKind::Data:
+      return "data";
+  }
+  return "data";
 }
 
 }  // namespace zxcloudd

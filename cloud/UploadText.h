@@ -1,4 +1,4 @@
-// Reads what an agent uploads: the header tags, the body, and whether the body acknowledges a command.
+// Reads what an agent uploads: the header tags, the body, and what the body is.
 // Pure parsers of hostile bytes: any thread, no logging, nothing read past the given length.
 #pragma once
 
@@ -7,11 +7,11 @@
 
 namespace zxcloudd {
 
-enum class EUploadKind { ServerData, PluginData, Tags };
+enum class EUploadType { ServerData, PluginData, Tags };
 
 // The texts point into the parsed upload.
 struct _UploadHeader {
-  EUploadKind eKind = EUploadKind::PluginData;
+  EUploadType eType = EUploadType::PluginData;
   std::string_view svMid;
   std::string_view svMid2;
   std::string_view svProduct;
@@ -38,6 +38,19 @@ struct _Ack {
 // text).
 bool ParseAck(std::string_view svBody, _Ack& ack);
 
+const char* TypeName(EUploadType eType);
+
+// What an upload is to an operator: an acknowledgement of a command, the result of a maintenance script, the
+// agent's tags, or data of a component.
+enum class EUploadKind { Ack, Maint, Tags, Data };
+
+struct _UploadNature {
+  EUploadKind eKind = EUploadKind::Data;
+  std::string strAbout;    // the command's id, for acknowledgements and results
+  std::string strOutcome;  // "3": msg_type; "done 0": state and exit code of a script
+};
+
+_UploadNature NatureOf(const _UploadHeader& header);
 const char* KindName(EUploadKind eKind);
 
 }  // namespace zxcloudd

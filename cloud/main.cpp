@@ -1,5 +1,6 @@
 // zxcloudd: reference management cloud for development, tests and small fleets. See docs/zxcloudd.md.
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <systemd/sd-daemon.h>
 
@@ -21,6 +22,16 @@ int WaitForStop(const sigset_t& setStop) {
   return iSignal;
 }
 
+// Each waiting connection takes a descriptor; the usual soft limit is there for select(), which nothing here
+// uses.
+void RaiseDescriptorLimit() {
+  rlimit limit{};
+  if (getrlimit(RLIMIT_NOFILE, &limit) != 0)
+    return;
+  limit.rlim_cur = limit.rlim_max;
+  setrlimit(RLIMIT_NOFILE, &limit);
+}
+
 int Run(const std::string& strConfigFile, bool bCheckOnly) {
   _CloudConfig config;
   std::string strError;
@@ -33,6 +44,7 @@ int Run(const std::string& strConfigFile, bool bCheckOnly) {
     return 0;
   }
   umask(077);
+  RaiseDescriptorLimit();
   sigset_t setStop;
   sigemptyset(&setStop);
   sigaddset(&setStop, SIGTERM);

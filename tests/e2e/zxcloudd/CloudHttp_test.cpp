@@ -153,6 +153,21 @@ TEST_F(CCloudHttp, UnreadBody_IsNoRequest) {
   }
 }
 
+TEST_F(CCloudHttp, TooManyConnections_AreClosed_UntilOthersEnd) {
+  m_strAgentExtra = R"(,"threads":1,"connections":1,"idle_sec":300)";
+  WriteConfig();
+  StartCloud();
+  {
+    CRawClient client(m_strAgentUrl);  // holds the only place until its handshake is due
+    ASSERT_TRUE(Eventually([&] { return Status("/v1/health") == 0; }));
+    CRawClient refused(m_strAgentUrl);
+    std::string strAnswer;
+    EXPECT_TRUE(refused.ReadAll(strAnswer));
+    EXPECT_EQ(strAnswer, "");
+  }
+  EXPECT_TRUE(Eventually([&] { return Status("/v1/health") == 200; }));
+}
+
 TEST_F(CCloudHttp, Term_DoesNotWaitForIdleConnections) {
   m_strAgentExtra = R"(,"idle_sec":300)";
   WriteConfig();

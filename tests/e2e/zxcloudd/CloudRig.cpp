@@ -74,9 +74,10 @@ void CCloudRig::TearDown() {
   }
 }
 
-void CCloudRig::MakeCert(const std::string& strName, const std::string& strCommonName) const {
+void CCloudRig::MakeCert(const std::string& strName, const std::string& strCommonName,
+                         const std::string& strAltNames) const {
   const std::string strBase = Path("cert/" + strName);
-  m_home.WriteFile(CPString("cert/" + strName + ".ext"), "subjectAltName=IP:127.0.0.1\n");
+  m_home.WriteFile(CPString("cert/" + strName + ".ext"), CPString("subjectAltName=" + strAltNames + "\n"));
   Openssl({"req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:P-256", "-nodes", "-keyout",
            strBase + ".key", "-out", strBase + ".csr", "-subj", "/CN=" + strCommonName});
   Openssl({"x509", "-req", "-in", strBase + ".csr", "-CA", Path("cert/ca.pem"), "-CAkey", Path("cert/ca.key"),
@@ -110,11 +111,12 @@ void CCloudRig::WriteConfig() {
       CPString(
           R"({"state_dir":"state","agent":{"cert_file":"cert/server.pem","key_file":"cert/server.key",
 "max_body_bytes":100000)" +
-          m_strAgentExtra + R"(},"broker":{"addresses":"127.0.0.1:)" + std::to_string(m_iBrokerPort) +
+          m_strAgentExtra + R"(},"broker":{"addresses":")" + m_strBrokerHost + ":" +
+          std::to_string(m_iBrokerPort) +
           R"(","ca_file":"cert/ca.pem"},"tconf":{"pcid":[{"product":"veltcwpp","combo":"zxsample","id":1001}],
 "long":"127.0.0.1:)" +
-          std::to_string(m_iBrokerPort) + R"("},"poll":{)" + m_strPollExtra + R"(},"limits":)" + m_strLimits +
-          "}"));
+          std::to_string(m_iBrokerPort) + "\"" + m_strTconfExtra + R"(},"poll":{)" + m_strPollExtra +
+          R"(},"limits":)" + m_strLimits + "}"));
 }
 
 void CCloudRig::StartCloud(uint64_t u64FileLimit) {

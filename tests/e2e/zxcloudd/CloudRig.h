@@ -40,7 +40,9 @@ class CCloudRig : public testing::Test {
                           const std::string& strVia = "auto") const;
   std::string State(const std::string& strID) const;  // of a command
   int64_t StatusNumber(const char* pszGroup, const char* pszName) const;
-  void MakeCert(const std::string& strName, const std::string& strCommonName) const;  // cert/<name>.pem, .key
+  // cert/<name>.pem, .key
+  void MakeCert(const std::string& strName, const std::string& strCommonName,
+                const std::string& strAltNames = "IP:127.0.0.1,DNS:localhost") const;
   std::string Path(const std::string& strRelative) const { return m_home.Path(CPString(strRelative)).Str(); }
 
   static std::string UploadText(const std::string& strMid, const std::string& strBody);
@@ -48,7 +50,9 @@ class CCloudRig : public testing::Test {
   CTempHome m_home;
   CProcess m_broker, m_cloud;
   int m_iBrokerPort = 0;
+  std::string m_strBrokerHost = "127.0.0.1";  // as the cloud is told
   std::string m_strAgentUrl, m_strOpUrl, m_strToken;
   // What WriteConfig writes besides the fixed part.
-  std::string m_strAgentExtra = ",\"idle_sec\":1", m_strPollExtra = "\"reoffer_sec\":1", m_strLimits = "{}";
+  std::string m_strAgentExtra = ",\"idle_sec\":1", m_strPollExtra = "\"reoffer_sec\":1", m_strLimits = "{}",
+              m_strTconfExtra;
 };

@@ -8,6 +8,7 @@
 #include "CloudRig.h"
 #include "TestAgent.h"
 #include "gmock/gmock.h"
+#include "platform/os/ZxTime.h"
 #include "support/Waiter.h"
 
 namespace {
@@ -194,6 +195,55 @@ TEST_F(CCloudd, Broker_MayBeAwayAtStart) {
   StartBroker();
   EXPECT_TRUE(Eventually(
       [&] { return Op("/op/v1/status").strBody.find("\"broker_connected\":true") != std::string::npos; }));
+}
+
+TEST_F(CCloudd, Confirm_TellsTheMachineWhatIsOnDisk) {
+  m_strTconfExtra = ",\"confirm\":true";
+  WriteConfig();
+  StartCloud();
+  const auto pAgent = MakeAgent();
+  ASSERT_TRUE(pAgent->Connect());
+  ASSERT_TRUE(pAgent->Upload("u-1", UploadText(kMid, "x")));
+  EXPECT_EQ(pAgent->WaitPush("zx1\n+u-1\n"), "zx/v1/" + kMid + "/ack");
+  EXPECT_EQ(StatusNumber("uploads", "received"), 1);
+  ASSERT_TRUE(pAgent->Upload("u-2", "rubbish"));
+  EXPECT_NE(pAgent->WaitPush("zx1\n-u-2\n"), "");
+  ASSERT_TRUE(pAgent->Upload("u-1", UploadText(kMid, "x")));
+  EXPECT_TRUE(Eventually([&] { return pAgent->Pushes("zx1\n+u-1\n") == 2; }))
+      << "a repeat is confirmed again";
+}
+
+TEST_F(CCloudd, BrokerByName_EveryAddressOfItIsTried_AndTheNameIsChecked) {
+  m_strBrokerHost = "localhost";  // often ::1 first, where nobody listens
+  WriteConfig();
+  StartCloud();
+  m_cloud.Stop(SIGTERM);
+  m_broker.Stop(SIGTERM);
+  MakeCert("server", "other", "IP:127.0.0.1,DNS:other");
+  StartBroker();
+  m_home.Remove("cloud.log");
+  m_home.Remove("state/zxcloudd.json");
+  ASSERT_TRUE(m_cloud.Start({ZXCLOUDD_BINARY, "--config", Path("cloud.json")}, Path("cloud.log")));
+  EXPECT_TRUE(Eventually([&] {
+    return m_home.Exists("cloud.log") &&
+           m_home.ReadFile("cloud.log").Str().find("certificate refused: hostname mismatch") !=
+               std::string::npos;
+  }));
+}
+
+// The broker's address takes connections up to its backlog and then none, as a firewall that drops them.
+TEST_F(CCloudd, Term_EndsAtOnce_WhileTheBrokerDoesNotAnswer) {
+  m_broker.Stop(SIGTERM);
+  CSilentPort silent;
+  const int iOwn = PortAttempts(silent.Port());
+  m_iBrokerPort = silent.Port();
+  WriteConfig();
+  StartCloud();
+  ASSERT_TRUE(Eventually([&] { return PortAttempts(silent.Port()) > iOwn; }));
+  const uint64_t u64Start = ZxGetTickCount();
+  const int iStatus = m_cloud.Stop(SIGTERM);
+  EXPECT_TRUE(WIFEXITED(iStatus) && WEXITSTATUS(iStatus) == 0);
+  EXPECT_LT(ZxGetTickCount() - u64Start, kE2eDeadlineMs / 2);
 }
 
 TEST_F(CCloudd, Term_EndsCleanly) {

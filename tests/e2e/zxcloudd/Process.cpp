@@ -9,6 +9,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cstdio>
+#include <fstream>
+
 #include "support/Waiter.h"
 
 namespace {
@@ -107,6 +110,38 @@ int FreePort() {
   getsockname(iSocket, reinterpret_cast<sockaddr*>(&address), &uLength);
   close(iSocket);
   return ntohs(address.sin_port);
+}
+
+CSilentPort::CSilentPort() {
+  m_listSockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  sockaddr_in address = Loopback(0);
+  socklen_t uLength = sizeof(address);
+  bind(m_listSockets[0], reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  getsockname(m_listSockets[0], reinterpret_cast<sockaddr*>(&address), &uLength);
+  listen(m_listSockets[0], 0);
+  m_iPort = ntohs(address.sin_port);
+  // The kernel takes one more than the backlog says.
+  for (int i = 0; i < 4; ++i) {
+    m_listSockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (connect(m_listSockets.back(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0)
+      break;
+  }
+}
+
+CSilentPort::~CSilentPort() {
+  for (const int iSocket : m_listSockets)
+    close(iSocket);
+}
+
+int PortAttempts(int iPort) {
+  std::ifstream file("/proc/net/tcp");
+  std::string strLine;
+  char szRemote[32];
+  std::snprintf(szRemote, sizeof(szRemote), "0100007F:%04X 02 ", static_cast<unsigned>(iPort));
+  int iCount = 0;
+  while (std::getline(file, strLine))
+    iCount += strLine.find(szRemote) != std::string::npos ? 1 : 0;
+  return iCount;
 }
 
 bool PortAnswers(int iPort) {

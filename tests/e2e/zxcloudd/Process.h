@@ -39,3 +39,19 @@ int RunCommand(const std::vector<std::string>& listArgs, std::string& strOutput)
 // A TCP port of 127.0.0.1 that was free a moment ago.
 int FreePort();
 bool PortAnswers(int iPort);
+
+// A port of 127.0.0.1 whose queue of connections is full: who connects waits and hears nothing.
+class CSilentPort {
+ public:
+  CSilentPort();
+  ~CSilentPort();
+  CSilentPort(const CSilentPort&) = delete;
+  CSilentPort& operator=(const CSilentPort&) = delete;
+  int Port() const { return m_iPort; }
+
+ private:
+  std::vector<int> m_listSockets;
+  int m_iPort = 0;
+};
+// Connections to the port that are being made right now.
+int PortAttempts(int iPort);

@@ -37,6 +37,7 @@ bool CTestAgent::Connect() {
   if (mosquitto_connect(m_pMosq, "127.0.0.1", m_iPort, 30) != MOSQ_ERR_SUCCESS ||
       mosquitto_loop_start(m_pMosq) != MOSQ_ERR_SUCCESS || !Wait([this] { return m_bConnected; }))
     return false;
+  mosquitto_subscribe(m_pMosq, nullptr, ("zx/v1/" + m_strMid + "/ack").c_str(), 1);
   mosquitto_subscribe(m_pMosq, nullptr, ("zx/v1/" + m_strMid + "/push/+").c_str(), 1);
   return Wait([this] { return m_bSubscribed; }) && Publish("status", "{\"online\":1}", true);
 }

@@ -27,15 +27,15 @@ TEST(CloudConfig, Full_TakesEveryMember) {
   std::string strError;
   ASSERT_TRUE(ParseCloudConfig(
       R"({"state_dir":"/s/","log_home":"/l","agent":{"listen":"[::1]:8443","cert_file":"c","key_file":"k",
-      "client_ca_file":"ca","cert_names_mid":true,"threads":3,"idle_sec":7,"max_body_bytes":2048},
+      "client_ca_file":"ca","cert_names_mid":true,"threads":3,"connections":33,"idle_sec":7,"max_body_bytes":2048},
       "operator":{"listen":"127.0.0.2:9","token_file":"t"},
       "broker":{"addresses":"a:1,[::2]:2","ca_file":"ca","cert_file":"bc","key_file":"bk","username":"u",
       "password_file":"pw","client_id":"id","keepalive_sec":20},
       "tconf":{"pcid":[{"product":"A","combo":"B","id":3},{"product":"C","combo":"D","id":7}],"short":"s:1",
-      "long":"l:2","lb":"b","keepalive_sec":11,"spread_sec":0,"refresh_sec":61,"max_message_bytes":4096},
+      "long":"l:2","lb":"b","keepalive_sec":11,"spread_sec":0,"refresh_sec":61,"max_message_bytes":4096,"confirm":true},
       "poll":{"period_sec":9,"max_commands":2,"reoffer_sec":3,"max_offers":4},
       "limits":{"agents":1,"pending_per_agent":2,"finished_per_agent":3,"uploads_per_agent":4,
-      "upload_bytes_per_agent":5,"upload_ids_per_agent":6}})",
+      "upload_bytes_per_agent":5,"upload_ids_per_agent":6,"upload_id_days":8,"store_bytes":100000000}})",
       "/b/", config, strError))
       << strError;
   EXPECT_EQ(config.strStateDir, "/s");
@@ -48,6 +48,10 @@ TEST(CloudConfig, Full_TakesEveryMember) {
   EXPECT_EQ(config.tconf.strPcid, "A,B,3|C,D,7");
   EXPECT_EQ(config.poll.iMaxOffers, 4);
   EXPECT_EQ(config.limits.iUploadIdsPerAgent, 6);
+  EXPECT_EQ(config.limits.iUploadIdDays, 8);
+  EXPECT_EQ(config.limits.i64StoreBytes, 100000000);
+  EXPECT_EQ(config.agent.iConnections, 33);
+  EXPECT_TRUE(config.tconf.bConfirm);
 }
 
 struct _Bad {

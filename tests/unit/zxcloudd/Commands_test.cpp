@@ -56,7 +56,7 @@ class CCommands : public CStoreTest {
   }
   _CommandRow Row(const std::string& strID) {
     std::vector<_CommandRow> listRows;
-    EXPECT_TRUE(Run([&](CSqlite& db) { return CCommandTable::List(db, strID, 10, listRows); }));
+    EXPECT_TRUE(Run([&](CSqlite& db) { return CCommandTable::Find(db, strID, 10, listRows); }));
     return listRows.empty() ? _CommandRow() : listRows.front();
   }
   std::string State(const std::string& strID) { return Row(strID).strState; }

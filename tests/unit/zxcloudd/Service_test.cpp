@@ -45,6 +45,15 @@ class CService : public CStoreTest {
     const size_t uAt = strTrace.find("\"state\":\"") + 9;
     return strTrace.substr(uAt, strTrace.find('"', uAt) - uAt);
   }
+  bool OnMessages(const std::vector<_BrokerMessage>& listMessages) {
+    m_listConfirms.clear();
+    return m_pService->OnMessages(listMessages, m_listConfirms);
+  }
+  std::string Uploads() {
+    _UploadFilter filter;
+    filter.i64BodyMax = 1000;
+    return m_pService->OpUploads(filter).strBody;
+  }
   static _BrokerMessage Message(const std::string& strTopic, const std::string& strPayload) {
     return {strTopic, strPayload};
   }
@@ -52,6 +61,7 @@ class CService : public CStoreTest {
   _CloudConfig m_config;
   std::unique_ptr<CCloudService> m_pService;
   int m_iWakes = 0;
+  std::vector<_Confirm> m_listConfirms;
 };
 
 TEST_F(CService, Tconf_AnswersTheTableAndRemembersTheMachine) {
@@ -122,7 +132,7 @@ TEST_F(CService, Upload_KeepsABoundedNumberOfBodies_ButKnowsTheIds) {
   m_pService = std::make_unique<CCloudService>(*m_pStore, m_config);
   for (int i = 0; i < 10; ++i)
     EXPECT_EQ(Upload("id-" + std::to_string(i), "body" + std::to_string(i)), 200);
-  const std::string strUploads = m_pService->OpUploads(kMid, 0, 100).strBody;
+  const std::string strUploads = Uploads();
   EXPECT_THAT(strUploads, HasSubstr("body9"));
   EXPECT_THAT(strUploads, HasSubstr("body7"));
   EXPECT_THAT(strUploads, testing::Not(HasSubstr("body6")));
@@ -140,7 +150,7 @@ TEST_F(CService, Upload_KeepsABoundedNumberOfBytes) {
   int64_t i64Bytes = -1;
   Run([&](CSqlite& db) {
     bool bOk = false;
-    i64Bytes = db.Query("SELECT SUM(length(body)) FROM uploads").Number(-1, bOk);
+    i64Bytes = db.Query("SELECT SUM(length(body)) FROM bodies").Number(-1, bOk);
     return bOk;
   });
   EXPECT_LE(i64Bytes, 3000);
@@ -176,13 +186,13 @@ TEST_F(CService, OnMessages_TakesUploadsAndStates_DropsRubbish) {
   Push("a");
   const int iWakes = m_iWakes;
   const std::string strTopic = std::string("zx/v1/") + kMid;
-  EXPECT_TRUE(m_pService->OnMessages(
-      {Message(strTopic + "/status", "{\"online\":1}"),
-       Message(strTopic + "/up/2", "zx1 id-1\n" + UploadText(R"({"ID":"a","msg_type":"3"})")),
-       Message(strTopic + "/up/2", "zx1 id-1\n" + UploadText(R"({"ID":"a","msg_type":"3"})")),
-       Message("zx/v1/other/up/2", "zx1 id-1\n" + UploadText("x")), Message(strTopic + "/up/2", "no frame"),
-       Message(strTopic + "/push/1", "{}"), Message(strTopic + "/status", "rubbish"),
-       Message(std::string(100000, 'a'), "")}));
+  EXPECT_TRUE(
+      OnMessages({Message(strTopic + "/status", "{\"online\":1}"),
+                  Message(strTopic + "/up/2", "zx1 id-1\n" + UploadText(R"({"ID":"a","msg_type":"3"})")),
+                  Message(strTopic + "/up/2", "zx1 id-1\n" + UploadText(R"({"ID":"a","msg_type":"3"})")),
+                  Message("zx/v1/other/up/2", "zx1 id-1\n" + UploadText("x")),
+                  Message(strTopic + "/up/2", "no frame"), Message(strTopic + "/push/1", "{}"),
+                  Message(strTopic + "/status", "rubbish"), Message(std::string(100000, 'a'), "")}));
   EXPECT_EQ(State("a"), "acked");
   EXPECT_GT(m_iWakes, iWakes);
   EXPECT_THAT(
@@ -191,14 +201,44 @@ TEST_F(CService, OnMessages_TakesUploadsAndStates_DropsRubbish) {
           "\"online\":1},\"commands\":{\"acked\":1},\"uploads\":{\"received\":1,\"repeats\":1,\"refused\":5}"));
 }
 
+TEST_F(CService, OnMessages_SaysWhatIsOnDisk_WhenTheConfigurationAsksForIt) {
+  const std::string strTopic = std::string("zx/v1/") + kMid + "/up/2";
+  const std::vector<_BrokerMessage> listMessages = {
+      Message(strTopic, "zx1 id-1\n" + UploadText("x")),
+      Message("zx/v1/m1/up/2", "zx1 other\n" + UploadText("x", "m1")),
+      Message(strTopic, "zx1 id-1\n" + UploadText("x")), Message(strTopic, "zx1 id-2\nrubbish"),
+      Message(strTopic, "no frame")};
+  ASSERT_TRUE(OnMessages(listMessages));
+  EXPECT_TRUE(m_listConfirms.empty());
+  m_config.tconf.bConfirm = true;
+  m_pService = std::make_unique<CCloudService>(*m_pStore, m_config);
+  ASSERT_TRUE(OnMessages(listMessages));
+  ASSERT_EQ(m_listConfirms.size(), 2u);
+  EXPECT_EQ(m_listConfirms[0].strMid, kMid);
+  EXPECT_EQ(m_listConfirms[0].strText, "zx1\n+id-1\n+id-1\n-id-2\n");
+  EXPECT_EQ(m_listConfirms[1].strText, "zx1\n+other\n");
+}
+
+TEST_F(CService, OnMessages_ConfirmsNothing_ThatItCannotTakeNow) {
+  m_config.tconf.bConfirm = true;
+  m_pService = std::make_unique<CCloudService>(*m_pStore, m_config);
+  for (const char* psz : {"m1", "m2"})
+    EXPECT_EQ(m_pService->Upload(psz, "id", "2", UploadText("x", psz)).iStatus, 200);
+  ASSERT_TRUE(OnMessages({Message("zx/v1/m3/up/2", "zx1 id-1\n" + UploadText("x", "m3"))}));
+  EXPECT_TRUE(m_listConfirms.empty()) << "the table of machines is full";
+  m_pStore->Close();
+  EXPECT_FALSE(OnMessages({Message("zx/v1/m1/up/2", "zx1 id-2\n" + UploadText("x", "m1"))}));
+  EXPECT_TRUE(m_listConfirms.empty());
+}
+
 TEST_F(CService, OnMessages_FailsWhole_WhenTheStoreFails) {
   m_pStore->Close();
-  EXPECT_FALSE(m_pService->OnMessages({Message(std::string("zx/v1/") + kMid + "/status", "{\"online\":1}")}));
+  EXPECT_FALSE(OnMessages({Message(std::string("zx/v1/") + kMid + "/status", "{\"online\":1}")}));
 }
 
 TEST_F(CService, OnBrokerConnected_ForgetsWhoIsOnline_AndSendsAgain) {
   const std::string strTopic = std::string("zx/v1/") + kMid + "/status";
-  ASSERT_TRUE(m_pService->OnMessages({Message(strTopic, "{\"online\":1}")}));
+  ASSERT_TRUE(OnMessages({Message(strTopic, "{\"online\":1}")}));
   Push("a");
   std::vector<_PushItem> listItems;
   ASSERT_TRUE(m_pService->TakePushes(10, 1000, listItems));
@@ -206,7 +246,7 @@ TEST_F(CService, OnBrokerConnected_ForgetsWhoIsOnline_AndSendsAgain) {
   ASSERT_TRUE(m_pService->OnBrokerConnected());
   ASSERT_TRUE(m_pService->TakePushes(10, 1000, listItems));
   EXPECT_TRUE(listItems.empty());
-  ASSERT_TRUE(m_pService->OnMessages({Message(strTopic, "{\"online\":1}")}));
+  ASSERT_TRUE(OnMessages({Message(strTopic, "{\"online\":1}")}));
   ASSERT_TRUE(m_pService->TakePushes(10, 1000, listItems));
   EXPECT_EQ(listItems.size(), 1u);
 }
@@ -294,6 +334,53 @@ TEST_F(CEndpoints, Certificate_MustNameTheMachine_WhenConfigured) {
   EXPECT_EQ(Agent(request), 200);
   EXPECT_EQ(Agent(Request("/v1/tconf", {}, {{"v", "1"}, {"mid", kMid}})), 403);
   EXPECT_EQ(Agent(Request("/v1/health")), 200) << "an address test has no machine id";
+}
+
+TEST_F(CEndpoints, Operator_AsksForUploadsAndCommands) {
+  const auto Ask = [this](const std::string& strPath, std::map<std::string, std::string> mapQuery = {}) {
+    return HandleOperator(*m_pService, "secret",
+                          Request(strPath, {{"Authorization", "Bearer secret"}}, std::move(mapQuery)));
+  };
+  Push("c-1");
+  EXPECT_EQ(Upload("u-1", "first"), 200);
+  EXPECT_EQ(Upload("u-2", R"({"ID":"c-1","msg_type":"3"})"), 200);
+  EXPECT_EQ(Upload("u-3", "third"), 200);
+  const auto Ids = [&](std::map<std::string, std::string> mapQuery) {
+    const std::string strBody = Ask("/op/v1/uploads", std::move(mapQuery)).strBody;
+    std::string strIds;
+    for (size_t u = strBody.find("\"id\":\""); u != std::string::npos; u = strBody.find("\"id\":\"", u + 1))
+      strIds += strBody.substr(u + 6, 3) + " ";
+    return strIds;
+  };
+  EXPECT_EQ(Ids({}), "u-1 u-2 u-3 ");
+  EXPECT_EQ(Ids({{"after", "1"}, {"max", "1"}}), "u-2 ");
+  EXPECT_EQ(Ids({{"newest", "1"}, {"max", "2"}}), "u-3 u-2 ");
+  EXPECT_EQ(Ids({{"before", "3"}}), "u-2 u-1 ");
+  EXPECT_EQ(Ids({{"kind", "ack"}}), "u-2 ");
+  EXPECT_EQ(Ids({{"about", "c-1"}}), "u-2 ");
+  EXPECT_EQ(Ids({{"about", "u-3"}}), "u-3 ");
+  EXPECT_EQ(Ids({{"mid", "other"}}), "");
+  EXPECT_THAT(Ask("/op/v1/uploads").strBody, HasSubstr("first"));
+  EXPECT_THAT(Ask("/op/v1/uploads", {{"body", "0"}}).strBody, testing::Not(HasSubstr("first")));
+  for (const char* psz : {"after", "max", "newest", "body", "before"})
+    EXPECT_EQ(Ask("/op/v1/uploads", {{psz, "-1"}}).iStatus, 400) << psz;
+  EXPECT_EQ(Ask("/op/v1/uploads", {{"after", "1"}, {"newest", "1"}}).iStatus, 400);
+
+  const _Reply one = Ask("/op/v1/uploads/2");
+  EXPECT_EQ(one.iStatus, 200);
+  EXPECT_EQ(Value(one.strBody, "body"), R"({"ID":"c-1","msg_type":"3"})");
+  EXPECT_EQ(Value(one.strBody, "outcome"), "3");
+  EXPECT_THAT(one.strBody, HasSubstr("\"sysver\":\"debian 12\""));
+  EXPECT_EQ(Ask("/op/v1/uploads/99").iStatus, 404);
+  EXPECT_EQ(Ask("/op/v1/uploads/x").iStatus, 400);
+
+  Push("c-2", "poll");
+  EXPECT_THAT(Ask("/op/v1/commands").strBody, HasSubstr("\"ID\":\"c-2\""));
+  EXPECT_THAT(Ask("/op/v1/commands", {{"state", "acked"}}).strBody,
+              testing::AllOf(HasSubstr("c-1"), testing::Not(HasSubstr("c-2"))));
+  EXPECT_EQ(Ask("/op/v1/commands", {{"mid", "other"}}).strBody, "{\"commands\":[]}");
+  EXPECT_EQ(Ask("/op/v1/commands", {{"max", "0"}}).iStatus, 400);
+  EXPECT_THAT(Ask("/op/v1/trace/c-1").strBody, HasSubstr("\"text\":\"{\\\"ID\\\":\\\"c-1"));
 }
 
 TEST_F(CEndpoints, Operator_NeedsTheToken) {

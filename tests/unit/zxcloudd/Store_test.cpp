@@ -64,6 +64,54 @@ TEST_F(CStore_, Open_RefusesANewerSchema) {
   EXPECT_THAT(strError, testing::HasSubstr("newer"));
 }
 
+// A database as version 1 wrote it, with one body kept and one dropped.
+TEST_F(CStore_, Open_TakesOverTheUploadsOfVersionOne) {
+  m_pStore->Close();
+  for (const char* psz : {"state/zxcloudd.db", "state/zxcloudd.db-wal", "state/zxcloudd.db-shm"})
+    m_home.Remove(psz);
+  {
+    CSqlite db;
+    ASSERT_TRUE(db.Open(StateDir() + "/zxcloudd.db"));
+    ASSERT_TRUE(db.Exec(
+        "CREATE TABLE agents(mid TEXT PRIMARY KEY, m2 TEXT NOT NULL DEFAULT '', channel TEXT NOT NULL DEFAULT '', "
+        "platform INTEGER NOT NULL DEFAULT 0, local_ip TEXT NOT NULL DEFAULT '', version TEXT NOT NULL DEFAULT '', "
+        "first_seen INTEGER NOT NULL, last_seen INTEGER NOT NULL, last_tconf INTEGER NOT NULL DEFAULT 0, last_poll "
+        "INTEGER NOT NULL DEFAULT 0, online INTEGER NOT NULL DEFAULT 0, online_since INTEGER NOT NULL DEFAULT 0, "
+        "uploads INTEGER NOT NULL DEFAULT 0, repeats INTEGER NOT NULL DEFAULT 0, kept INTEGER NOT NULL DEFAULT 0, "
+        "kept_bytes INTEGER NOT NULL DEFAULT 0) WITHOUT ROWID;"
+        "CREATE TABLE uploads(seq INTEGER PRIMARY KEY AUTOINCREMENT, mid TEXT NOT NULL, n INTEGER NOT NULL, "
+        "message_id TEXT NOT NULL, priority INTEGER NOT NULL, via TEXT NOT NULL, kind TEXT NOT NULL, product TEXT "
+        "NOT NULL, combo TEXT NOT NULL, received INTEGER NOT NULL, size INTEGER NOT NULL, body BLOB, UNIQUE(mid, "
+        "message_id));"
+        "CREATE UNIQUE INDEX uploads_n ON uploads(mid, n);"
+        "CREATE INDEX uploads_kept ON uploads(mid, n) WHERE body IS NOT NULL;"
+        "INSERT INTO agents(mid, first_seen, last_seen, uploads, kept, kept_bytes) VALUES('m', 1, 1, 2, 1, 4);"
+        "INSERT INTO uploads VALUES(1, 'm', 1, 'a', 2, 'mqtt', 'plugin', 'p', 'c', 5, 3, NULL);"
+        "INSERT INTO uploads VALUES(2, 'm', 2, 'b', 2, 'mqtt', 'server', 'p', 'c', 6, 4, 'body');"
+        "PRAGMA user_version=1"));
+  }
+  ASSERT_NO_FATAL_FAILURE(Reopen());
+  std::vector<_UploadRow> listUploads;
+  _UploadFilter filter;
+  filter.i64BodyMax = 100;
+  ASSERT_TRUE(Run([&](CSqlite& db) { return CUploadTable::List(db, filter, listUploads); }));
+  ASSERT_EQ(listUploads.size(), 2u);
+  EXPECT_FALSE(listUploads[0].bKept);
+  EXPECT_EQ(listUploads[0].strMessageId, "a");
+  EXPECT_EQ(listUploads[1].strType, "server");
+  EXPECT_EQ(listUploads[1].strKind, "data");
+  EXPECT_EQ(listUploads[1].strBody, "body");
+}
+
+TEST_F(CStore_, SetMaxBytes_MakesCommitsFail_AsOnAFullDisk) {
+  ASSERT_TRUE(m_pStore->SetMaxBytes(1 << 20));
+  const std::string strBig(2 << 20, 'x');
+  EXPECT_FALSE(Run([&](CSqlite& db) { return db.Query("UPDATE agents SET version=?").Bind(strBig).Run(); }));
+  EXPECT_FALSE(m_pStore->Healthy());
+  ASSERT_TRUE(m_pStore->SetMaxBytes(64 << 20));
+  EXPECT_TRUE(Run([&](CSqlite& db) { return db.Query("UPDATE agents SET version=?").Bind(strBig).Run(); }));
+}
+
 TEST_F(CStore_, Run_FailedJobLeavesNothing_OthersOfTheGroupStay) {
   std::vector<std::thread> listThreads;
   std::atomic<int> iDone{0};

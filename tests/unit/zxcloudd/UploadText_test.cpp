@@ -11,7 +11,7 @@ TEST(UploadText, ParseUpload_TakesEveryField) {
   const std::string str = UploadText("{\"a\":1}");
   _UploadHeader header;
   ASSERT_TRUE(ParseUpload(str, header));
-  EXPECT_EQ(header.eKind, EUploadKind::PluginData);
+  EXPECT_EQ(header.eType, EUploadType::PluginData);
   EXPECT_EQ(header.svMid, kMid);
   EXPECT_EQ(header.svMid2, "second");
   EXPECT_EQ(header.svProduct, "veltcwpp");
@@ -29,7 +29,7 @@ TEST(UploadText, ParseUpload_EmptyChannelAndPartnerStayFields) {
       "<PCServerJasonData=x><PCPluginVersion=1.0.0.2005>";
   _UploadHeader header;
   ASSERT_TRUE(ParseUpload(str, header));
-  EXPECT_EQ(header.eKind, EUploadKind::ServerData);
+  EXPECT_EQ(header.eType, EUploadType::ServerData);
   EXPECT_EQ(header.svPartner, "");
   EXPECT_EQ(header.svChannel, "");
   EXPECT_EQ(header.svBody, "x");
@@ -60,7 +60,7 @@ TEST(UploadText, ParseUpload_TagsAreTheBody) {
       "<PCPluginVersion=1.0.0.2005><dept=ops><site=b2>";
   _UploadHeader header;
   ASSERT_TRUE(ParseUpload(str, header));
-  EXPECT_EQ(header.eKind, EUploadKind::Tags);
+  EXPECT_EQ(header.eType, EUploadType::Tags);
   EXPECT_EQ(header.svBody, "<dept=ops><site=b2>");
 }
 
@@ -103,6 +103,45 @@ TEST(UploadText, ParseAck_RefusesWhatIsNoAcknowledgement) {
         R"({"ID":"a","msg_type":")" + std::string(5000, '0') + R"("})"}) {
     _Ack ack;
     EXPECT_FALSE(ParseAck(str, ack)) << str.substr(0, 80);
+  }
+}
+
+_UploadNature Nature(const std::string& strUpload) {
+  _UploadHeader header;
+  EXPECT_TRUE(ParseUpload(strUpload, header)) << strUpload;
+  return NatureOf(header);
+}
+
+std::string MaintUpload(const std::string& strBody) {
+  std::string str = UploadText(strBody);
+  str.replace(str.find("zxsample"), 8, "zxpmaint");
+  return str;
+}
+
+TEST(UploadText, NatureOf_TellsWhatAnOperatorLooksFor) {
+  const _UploadNature ack = Nature(UploadText(R"({"ID":"c-1","msg_type":"3"})"));
+  EXPECT_EQ(ack.eKind, EUploadKind::Ack);
+  EXPECT_EQ(ack.strAbout, "c-1");
+  EXPECT_EQ(ack.strOutcome, "3");
+  const _UploadNature maint =
+      Nature(MaintUpload(R"({"ID":"m-1","state":"done","exit_code":7,"stdout":"x"})"));
+  EXPECT_EQ(maint.eKind, EUploadKind::Maint);
+  EXPECT_EQ(maint.strAbout, "m-1");
+  EXPECT_EQ(maint.strOutcome, "done 7");
+  EXPECT_EQ(Nature(MaintUpload(R"({"ID":"m-1","msg_type":"1"})")).eKind, EUploadKind::Ack)
+      << "the agent acknowledges maintenance commands too";
+  EXPECT_EQ(Nature(UploadText("{\"lines\":[]}")).eKind, EUploadKind::Data);
+}
+
+TEST(UploadText, NatureOf_ResultsOfOtherFormatsAreStillResults) {
+  for (const std::string& strBody :
+       {std::string("plain text"), std::string("{"), std::string(R"({"state":"done"})"),
+        std::string(R"({"ID":"a\"b","state":"done"})"),
+        R"({"ID":"m","state":")" + std::string(40, 's') + "\"}"}) {
+    const _UploadNature nature = Nature(MaintUpload(strBody));
+    EXPECT_EQ(nature.eKind, EUploadKind::Maint) << strBody;
+    EXPECT_EQ(nature.strAbout, "") << strBody;
+    EXPECT_EQ(nature.strOutcome, "") << strBody;
   }
 }
 
