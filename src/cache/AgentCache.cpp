@@ -181,9 +181,9 @@ int CAgentCache::GetCacheFileList(const char* pszPath, CPStrList& list) {
     const char* pszName = pEntry->d_name;
     if (pszName[0] == 0 || std::strcmp(pszName, ".") == 0 || std::strcmp(pszName, "..") == 0)
       continue;
-    if (pEntry->d_type == DT_DIR || pEntry->d_type == DT_LNK)
-      continue;
-    list.AddTail(CPString::Make("%s/%s", pszPath, pszName));
+    const CPString strFile = CPString::Make("%s/%s", pszPath, pszName);
+    if (!ZxIsDirectoryOrLink(strFile, pEntry->d_type))
+      list.AddTail(strFile);
   }
   closedir(pDir);
   return 1;

@@ -185,9 +185,9 @@ int CAgentMaint::GetPolicyFileList(const char* pszPath, CPStrList& list) {
     const std::string_view name = pEntry->d_name;
     if (name.size() < kSuffix.size() || name.substr(name.size() - kSuffix.size()) != kSuffix)
       continue;
-    if (pEntry->d_type == DT_DIR || pEntry->d_type == DT_LNK)
-      continue;
-    list.AddTail(CPString::Make("%s/%s", pszPath, pEntry->d_name));
+    const CPString strFile = CPString::Make("%s/%s", pszPath, pEntry->d_name);
+    if (!ZxIsDirectoryOrLink(strFile, pEntry->d_type))
+      list.AddTail(strFile);
   }
   closedir(pDir);
   return 1;

@@ -1,5 +1,6 @@
 #include "platform/os/ZxFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/stat.h>
@@ -234,6 +235,13 @@ bool ZxSyncedRename(const CPString& strSrc, const CPString& strDst) {
   }
   return IsName(strDst) && rename(strSrc.c_str(), strDst.c_str()) == 0 &&
          SyncDirectory(DirectoryOf(strDst.Str()));
+}
+
+bool ZxIsDirectoryOrLink(const CPString& strFile, unsigned char ucType) {
+  if (ucType != DT_UNKNOWN)
+    return ucType == DT_DIR || ucType == DT_LNK;
+  struct stat status {};
+  return lstat(strFile.c_str(), &status) == 0 && (S_ISDIR(status.st_mode) || S_ISLNK(status.st_mode));
 }
 
 bool ZxIsFileExisted(const CPString& strFile) {

@@ -22,6 +22,9 @@ ZX_API bool ZxSaveFileData(const CPString& strFile, const CPString& strData, boo
 // Syncs strSrc, renames it over strDst, syncs the directory.
 ZX_API bool ZxSyncedRename(const CPString& strSrc, const CPString& strDst);
 
+// Whether an entry of a directory listing is a directory or a symbolic link; ucType is its d_type. Asks the
+// file system when that does not tell the type (DT_UNKNOWN), as some file systems never do.
+ZX_API bool ZxIsDirectoryOrLink(const CPString& strFile, unsigned char ucType);
 ZX_API bool ZxIsFileExisted(const CPString& strFile);
 // Copies content and permission bits. bFailIfExists 1: an existing target is an error (EEXIST) and stays as
 // it was; 0: replaced. The target is written beside its place and renamed, so that a reader never sees half

@@ -1,5 +1,6 @@
 #include "platform/os/ZxFile.h"
 
+#include <dirent.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <signal.h>
@@ -189,6 +190,22 @@ TEST_F(ZxFile_test, Operations_LeaveNoDescriptorOpen) {
   const int iAfter = dup(0);
   EXPECT_EQ(iAfter, iBefore);
   close(iAfter);
+}
+
+TEST_F(ZxFile_test, IsDirectoryOrLink_BelievesTheListing_AndAsksWhenItDoesNotTell) {
+  m_home.WriteFile("file", "");
+  m_home.MakeDir("dir");
+  ASSERT_EQ(symlink(m_home.Path("file").c_str(), m_home.Path("link").c_str()), 0);
+  ASSERT_EQ(symlink(m_home.Path("nowhere").c_str(), m_home.Path("dangling").c_str()), 0);
+  EXPECT_TRUE(ZxIsDirectoryOrLink(m_home.Path("file"), DT_DIR));
+  EXPECT_TRUE(ZxIsDirectoryOrLink(m_home.Path("file"), DT_LNK));
+  EXPECT_FALSE(ZxIsDirectoryOrLink(m_home.Path("dir"), DT_REG));
+  EXPECT_FALSE(ZxIsDirectoryOrLink(m_home.Path("dir"), DT_FIFO));
+  EXPECT_TRUE(ZxIsDirectoryOrLink(m_home.Path("dir"), DT_UNKNOWN));
+  EXPECT_TRUE(ZxIsDirectoryOrLink(m_home.Path("link"), DT_UNKNOWN));
+  EXPECT_TRUE(ZxIsDirectoryOrLink(m_home.Path("dangling"), DT_UNKNOWN));
+  EXPECT_FALSE(ZxIsDirectoryOrLink(m_home.Path("file"), DT_UNKNOWN));
+  EXPECT_FALSE(ZxIsDirectoryOrLink(m_home.Path("gone"), DT_UNKNOWN));
 }
 
 }  // namespace
