@@ -1,60 +1,14 @@
-// The upload queue when memory is out. Replaces the global allocation functions, therefore a program of its
-// own.
+// The upload queue when memory is out.
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <cstdlib>
-#include <new>
 
 #include "send/AgentLogMsg.h"
 #include "support/FakeCloud.h"
 #include "support/FakeHub.h"
 #include "support/LogChannels.h"
+#include "support/RefusingNew.h"
 
 using ::testing::ElementsAre;
-
-namespace {
-
-thread_local bool g_bRefuse = false;  // non-throwing allocations of this thread fail
-
-void* Allocate(size_t uSize) {
-  if (void* p = std::malloc(uSize > 0 ? uSize : 1))
-    return p;
-  throw std::bad_alloc();
-}
-
-}  // namespace
-
-void* operator new(size_t uSize) {
-  return Allocate(uSize);
-}
-void* operator new[](size_t uSize) {
-  return Allocate(uSize);
-}
-void* operator new(size_t uSize, const std::nothrow_t&) noexcept {
-  return g_bRefuse ? nullptr : std::malloc(uSize);
-}
-void* operator new[](size_t uSize, const std::nothrow_t&) noexcept {
-  return g_bRefuse ? nullptr : std::malloc(uSize);
-}
-void operator delete(void* p) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, size_t) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p, size_t) noexcept {
-  std::free(p);
-}
-void operator delete(void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
-void operator delete[](void* p, const std::nothrow_t&) noexcept {
-  std::free(p);
-}
 
 TEST(LogMsgMemory, Insert_Refuses_AndNothingIsQueued) {
   CLogChannels log;
@@ -66,9 +20,10 @@ TEST(LogMsgMemory, Insert_Refuses_AndNothingIsQueued) {
   const CPString strCombo = "One";
   const CPString strMsg = "body";
   log.Clear();
-  g_bRefuse = true;
-  const uint32_t uiRet = logMsg.InsertSendMsg(strProduct, strCombo, 3, 2, 0x1f, strMsg, 1);
-  g_bRefuse = false;
+  const uint32_t uiRet = [&] {
+    const CRefuseNew refuse;
+    return logMsg.InsertSendMsg(strProduct, strCombo, 3, 2, 0x1f, strMsg, 1);
+  }();
   EXPECT_EQ(uiRet, 0xb0010003u);
   EXPECT_THAT(
       log.Lines("zxlogcache"),
