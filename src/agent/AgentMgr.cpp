@@ -71,6 +71,7 @@ CAgentMgr::CAgentMgr(CPString strSystemRoot, TSleepMs fnSleepMs)
       m_strSystemRoot(std::move(strSystemRoot)),
       m_fnSleepMs(std::move(fnSleepMs)),
       m_AgentData(m_strSystemRoot),
+      m_AgentLogMsg(m_fnSleepMs),
       m_AgentMaint(m_fnSleepMs) {
   ZxMsgQueueInit(m_queueData);
   m_hEventPollMsg = ZxCreateEvent();

@@ -8,6 +8,7 @@ namespace {
 constexpr int kTypeOnlyShort = 2;
 constexpr int kPollerCycle = 60;  // seconds
 constexpr int kPollerCyclePersonal = 10800;
+constexpr size_t kBytesPerMegabyte = 1u << 20;
 
 // True when the stored value was replaced. What the machine does not tell any more stays stored.
 bool TakeChanged(CPString& strStored, const CPString& strCurrent) {
@@ -39,6 +40,9 @@ bool CAgentMgr::GetConfig() {
   CPString strIpartner;
   m_AgentData.ReadConfigChannelId(strChannelId, strIpartner);
   m_AgentSendMsg.SetChannelId(strChannelId, strIpartner);
+  int iUploadBudget = 0;
+  m_AgentData.ReadConfigUploadBudget(iUploadBudget);
+  m_AgentLogMsg.SetBudget(static_cast<size_t>(iUploadBudget) * kBytesPerMegabyte);
   CAgentSystem system(m_strSystemRoot);
   m_AgentSendMsg.SetVersion(system.GetSystemVersion(), system.GetOwnVersion());
   if (!DisposeMid())

@@ -26,6 +26,9 @@ using commandRouteMap = std::map<CPString, std::list<_GuidProductCombo>>;
 using productComboToGuidMap = std::map<CPString, CPStrList>;
 using guidToProductComboMap = std::map<GUID, _ProductCombo>;
 
+inline constexpr int kUploadBudgetMb = 64;
+inline constexpr int kUploadBudgetMaxMb = 1024;
+
 class CAgentData {
  public:
   // strSystemRoot stands in for "/" in front of the paths outside the home; empty in production.
@@ -93,6 +96,9 @@ class CAgentData {
   int SaveMsgSrvAddrSetData(const CPString& strData);
   int ParseMsgSrvAddrSetData(const CPString& strData, CPString& strAddr);
   int ReadConfigChannelId(CPString& strChannelId, CPString& strIpartner);
+  // Megabytes that uploads may take while they wait: the number "upload_budget_mb" of the object "zxagent" in
+  // the deployed configuration, kept within 1 and kUploadBudgetMaxMb; kUploadBudgetMb (and 0) without one.
+  int ReadConfigUploadBudget(int& iMegabytes);
   // Product id of the deployment's product-information record: home + "etc/productinfo.json", a JSON object
   // with the text "pid". On failure strPid is left as it was.
   int ReadConfigPid(CPString& strPid);

@@ -1,4 +1,5 @@
 // Small state files: what a cloud command sets until the next command of its kind, and the channel.
+#include <algorithm>
 #include <cerrno>
 
 #include "data/AgentData.h"
@@ -178,6 +179,25 @@ int CAgentData::ReadConfigChannelId(CPString& strChannelId, CPString& strIpartne
   JsonText(json, hAgent, "pin", strIpartner);
   LogInfo("zxagent CAgentData::ReadConfigChannelId strChannelId[%s] strIpartner[%s] strFile[%s]",
           strChannelId, strIpartner, strFile);
+  return 1;
+}
+
+int CAgentData::ReadConfigUploadBudget(int& iMegabytes) {
+  iMegabytes = kUploadBudgetMb;
+  const CPString strFile = m_strConfInnerPath + "zxagent.json";
+  CPJsonParse json;
+  if (!json.LoadFile(strFile))
+    return 0;  // told by whoever reads the channel from the same file
+  const HJsonNode hAgent = json.GetNode("zxagent");
+  int iConfigured = 0;
+  if (hAgent == nullptr || !JsonInt(json, hAgent, "upload_budget_mb", iConfigured))
+    return 0;
+  iMegabytes = std::clamp(iConfigured, 1, kUploadBudgetMaxMb);
+  if (iMegabytes != iConfigured)
+    LogWarn("*zxagent CAgentData::ReadConfigUploadBudget Warn iConfigured[%d] iMegabytes[%d] strFile[%s]",
+            iConfigured, iMegabytes, strFile);
+  else
+    LogInfo("zxagent CAgentData::ReadConfigUploadBudget iMegabytes[%d] strFile[%s]", iMegabytes, strFile);
   return 1;
 }
 

@@ -53,7 +53,7 @@ CAgentLogMsg::~CAgentLogMsg() {
 }
 
 void CAgentLogMsg::SetBudget(size_t uMaxBytes) {
-  m_queue.uMaxBytes = uMaxBytes;
+  ZxMsgQueueSetMaxBytes(m_queue, uMaxBytes);
 }
 
 int CAgentLogMsg::Init(CAgentSendMsg* pSendMsg) {
@@ -211,15 +211,17 @@ int CAgentLogMsg::Uninit() {
   for (int i = 0; i < kWorkers; ++i)
     ZxMsgQueueInsert(m_queue, kWakeUp, 0, nullptr);
   WaitEnded();
+  const auto uSending = static_cast<size_t>(m_gaugeSending.Value());  // cancelled in the next step
   for (_Slot& slot : m_slots) {
     const pthread_t hThreadLogId = slot.hThreadLogId;
     if (CancelWorker(slot))
       LogWarn("*zxagent CAgentLogMsg::Uninit Warn thread need kill i[%d] threadid[%llu]", slot.iIndex,
               hThreadLogId);
   }
-  const size_t uDropped = Drain();
-  if (uDropped != 0)
-    LogWarn("*zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[%llu]", uDropped);
+  const size_t uCount = Drain() + uSending;
+  if (uCount != 0)
+    LogWarn("*zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[%llu] uSending[%llu]", uCount,
+            uSending);
   return 1;
 }
 

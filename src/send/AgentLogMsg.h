@@ -50,7 +50,7 @@ class CAgentLogMsg {
   CAgentLogMsg(const CAgentLogMsg&) = delete;
   CAgentLogMsg& operator=(const CAgentLogMsg&) = delete;
 
-  // Bytes that waiting records may take (RecordBytes each); default kZxMsgQueueMaxBytes. Before Init.
+  // Bytes that waiting records may take (RecordBytes each); default kZxMsgQueueMaxBytes. Any time.
   void SetBudget(size_t uMaxBytes);
   int Init(CAgentSendMsg* pSendMsg);  // borrowed; always 1
   int Uninit();                       // always 1; at most 60 seconds, then workers are cancelled

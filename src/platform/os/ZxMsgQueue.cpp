@@ -15,9 +15,15 @@ void ZxMsgQueueInit(ZxMsgQueue& queue, size_t uMaxRecords, size_t uMaxBytes) {
   queue.uMaxBytes = uMaxBytes;
 }
 
+void ZxMsgQueueSetMaxBytes(ZxMsgQueue& queue, size_t uMaxBytes) {
+  CMutexGuard guard(queue.mutex);
+  queue.uMaxBytes = uMaxBytes;
+}
+
 bool ZxMsgQueueInsert(ZxMsgQueue& queue, uint32_t dwMessage, uint32_t dwFlag, void* pData, size_t uBytes) {
   CMutexGuard guard(queue.mutex);
-  if (queue.items.size() >= queue.uMaxRecords || uBytes > queue.uMaxBytes - queue.uBytes) {
+  if (queue.items.size() >= queue.uMaxRecords || uBytes > queue.uMaxBytes ||
+      queue.uBytes > queue.uMaxBytes - uBytes) {
     errno = ENOBUFS;
     return false;
   }

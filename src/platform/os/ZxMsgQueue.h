@@ -39,6 +39,8 @@ inline constexpr size_t kZxMsgQueueMaxBytes = 64u << 20;
 
 ZX_API void ZxMsgQueueInit(ZxMsgQueue& queue, size_t uMaxRecords = kZxMsgQueueMaxRecords,
                            size_t uMaxBytes = kZxMsgQueueMaxBytes);
+// Replaces the byte bound. What already waits stays, also when it is more.
+ZX_API void ZxMsgQueueSetMaxBytes(ZxMsgQueue& queue, size_t uMaxBytes);
 // uBytes is what the record's data counts against the byte bound. False: full (errno ENOBUFS) or out of
 // memory.
 ZX_API bool ZxMsgQueueInsert(ZxMsgQueue& queue, uint32_t dwMessage, uint32_t dwFlag, void* pData,

@@ -28,8 +28,8 @@ class CTrap {
     ZxWaitEvent(m_hEvent);
     return 0;
   }
-  bool WaitEntered() {
-    return m_entered.Wait();
+  bool WaitEntered(uint32_t uThreads = 1) {
+    return m_entered.Wait(uThreads);
   }
 
  private:
@@ -266,5 +266,43 @@ TEST_F(AgentMgrStuck, Stop_CancelsACheckThread_OfAnAgentWithoutOtherThreads) {
   ASSERT_TRUE(m_mgr.StartCheckThread());
   ASSERT_TRUE(m_trap.WaitEntered());
   EXPECT_TRUE(m_mgr.Stop());
+  EXPECT_TRUE(AgentThreads().Wait(kTestDeadlineMs));
+}
+
+TEST_F(AgentMgrStuck, Stop_EndsInItsTime_WithFullQueuesAndBusyWorkers) {
+  Prepare();
+  m_home.WriteFile("etc/zxagent/zxagent.json", R"({"zxagent":{"upload_budget_mb":1}})");
+  ASSERT_TRUE(m_mgr.Start());
+  ASSERT_TRUE(m_bus.WaitCount(EBusCall::AsynSendEx, 1));
+
+  CTrap sends;
+  m_cloud.SetHook(ECloudCall::SendSync, [&sends](const _CloudCall&) { return sends.Enter(); });
+  const std::string strBody(4000, 'x');
+  const GUID guid;
+  const auto fnSendMsg = [&] {
+    return m_mgr.SendMsg(1, 1, 2, guid, "Scan", "One", strBody.data(),
+                         static_cast<unsigned int>(strBody.size()), kUploadLogCache);
+  };
+  for (int i = 0; i < CAgentLogMsg::kWorkers; ++i)
+    ASSERT_EQ(fnSendMsg(), 0u);
+  ASSERT_TRUE(sends.WaitEntered(CAgentLogMsg::kWorkers));
+  size_t uWaiting = 0;
+  while (fnSendMsg() == 0)
+    ++uWaiting;
+  EXPECT_GT(uWaiting, 200u);
+  EXPECT_LT(uWaiting, 263u) << "a megabyte at most";
+
+  TrapBus(EBusCall::BroadcastSend);
+  m_cloud.FireConnect("10.0.0.1", 443);
+  ASSERT_TRUE(m_trap.WaitEntered());
+  while (m_mgr.AddZxcloudCallbackData(kWorkWake, 0, nullptr, 0)) {
+  }
+
+  EXPECT_TRUE(m_mgr.Stop());
+  EXPECT_THAT(m_pauses.All(), SizeIs(400)) << "a minute for the workers and one for the work thread";
+  EXPECT_THAT(m_pauses.All(), Each(300u));
+  EXPECT_TRUE(Logged("*zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[" +
+                     std::to_string(uWaiting + CAgentLogMsg::kWorkers) + "] uSending[32]"));
+  EXPECT_TRUE(Logged("*zxagent CAgentMgr::Stop Warn thread need kill work threadid["));
   EXPECT_TRUE(AgentThreads().Wait(kTestDeadlineMs));
 }

@@ -252,4 +252,55 @@ TEST_F(Channel, ReadConfigChannelId_KeepsDefaultAndFails_WithoutProductId) {
             "*zxagent CAgentData::ReadConfigPid Error strPid is empty strFile[" + m_strDir + kProduct + "]");
 }
 
+// --- Budget of waiting uploads.
+
+class UploadBudget : public CStoreFixture {
+ protected:
+  int Read(const std::string& strConfig) {
+    WriteFile(kWorking, strConfig.c_str());
+    m_iMegabytes = -1;
+    return m_data.ReadConfigUploadBudget(m_iMegabytes);
+  }
+  int m_iMegabytes = -1;
+};
+
+TEST_F(UploadBudget, ReadConfigUploadBudget_TakesTheWorkingCopy) {
+  EXPECT_EQ(Read(R"({"zxagent":{"upload_budget_mb":8}})"), 1);
+  EXPECT_EQ(m_iMegabytes, 8);
+  EXPECT_EQ(Lines().back(),
+            "zxagent CAgentData::ReadConfigUploadBudget iMegabytes[8] strFile[" + m_strDir + kWorking + "]");
+}
+
+TEST_F(UploadBudget, ReadConfigUploadBudget_KeepsTheDefault_WithoutANumber) {
+  EXPECT_EQ(m_data.ReadConfigUploadBudget(m_iMegabytes), 0) << "no file";
+  EXPECT_EQ(m_iMegabytes, 64);
+  for (const char* pszConfig :
+       {"{", "{}", R"({"zxagent":[]})", R"({"zxagent":{}})", R"({"zxagent":{"upload_budget_mb":null}})",
+        R"({"zxagent":{"upload_budget_mb":{}}})", R"({"upload_budget_mb":3})"}) {
+    EXPECT_EQ(Read(pszConfig), 0) << pszConfig;
+    EXPECT_EQ(m_iMegabytes, 64) << pszConfig;
+  }
+}
+
+TEST_F(UploadBudget, ReadConfigUploadBudget_StaysWithinItsBounds) {
+  const std::vector<std::pair<std::string, int>> cases = {{"1", 1},
+                                                          {"0", 1},
+                                                          {"-5", 1},
+                                                          {"-1e300", 1},
+                                                          {"1024", 1024},
+                                                          {"1025", 1024},
+                                                          {"4294967297", 1024},
+                                                          {"1e300", 1024},
+                                                          {"\"many\"", 1},
+                                                          {"\"16\"", 16}};
+  for (const auto& [strValue, iExpected] : cases) {
+    EXPECT_EQ(Read(R"({"zxagent":{"upload_budget_mb":)" + strValue + "}}"), 1) << strValue;
+    EXPECT_EQ(m_iMegabytes, iExpected) << strValue;
+  }
+  Read(R"({"zxagent":{"upload_budget_mb":-5}})");
+  EXPECT_EQ(Lines().back(),
+            "*zxagent CAgentData::ReadConfigUploadBudget Warn iConfigured[-5] iMegabytes[1] strFile[" +
+                m_strDir + kWorking + "]");
+}
+
 }  // namespace

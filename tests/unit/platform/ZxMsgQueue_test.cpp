@@ -187,4 +187,20 @@ TEST_F(ZxMsgQueue_test, Queue_CanBeUsedAgainAfterFini) {
   }
 }
 
+TEST_F(ZxMsgQueue_test, SetMaxBytes_AppliesToWhatComesNext) {
+  Init(10, 100);
+  EXPECT_TRUE(ZxMsgQueueInsert(m_queue, 1, 0, nullptr, 80));
+  ZxMsgQueueSetMaxBytes(m_queue, 50);
+  EXPECT_FALSE(ZxMsgQueueInsert(m_queue, 2, 0, nullptr, 1)) << "more waits than may wait now";
+  ZxMsgRecord record;
+  ASSERT_TRUE(ZxGetMsgFromQueue(m_queue, record, 0));
+  EXPECT_EQ(record.dwMessage, 1u) << "what was taken stays";
+  EXPECT_TRUE(ZxMsgQueueInsert(m_queue, 3, 0, nullptr, 50));
+  EXPECT_FALSE(ZxMsgQueueInsert(m_queue, 4, 0, nullptr, 1));
+  ZxMsgQueueSetMaxBytes(m_queue, 51);
+  EXPECT_TRUE(ZxMsgQueueInsert(m_queue, 5, 0, nullptr, 1));
+  while (ZxGetMsgFromQueue(m_queue, record, 0)) {
+  }
+}
+
 }  // namespace

@@ -173,7 +173,9 @@ TEST_F(LogMsgThreads, Uninit_IsQuick_WhenNothingWasStarted) {
   EXPECT_EQ(m_logMsg.Uninit(), 1);
   EXPECT_EQ(m_logMsg.Uninit(), 1);
   EXPECT_THAT(m_pauses, IsEmpty());
-  EXPECT_THAT(Lines(), ElementsAre("3 *zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[1]"));
+  EXPECT_THAT(
+      Lines(),
+      ElementsAre("3 *zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[1] uSending[0]"));
 }
 
 TEST_F(LogMsgThreads, Uninit_LetsABusyWorkerFinish) {
@@ -207,7 +209,8 @@ TEST_F(LogMsgThreads, Uninit_DropsWhatWaitsBehindBusyWorkers) {
   EXPECT_EQ(m_logMsg.Uninit(), 1);
   EXPECT_EQ(Sends(), 32u);
   EXPECT_THAT(m_hub.Outcomes(), SizeIs(32));
-  EXPECT_THAT(Lines(), Contains("3 *zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[8]"));
+  EXPECT_THAT(Lines(),
+              Contains("3 *zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[8] uSending[0]"));
   EXPECT_EQ(Killed(), 0u);
 }
 
@@ -330,6 +333,8 @@ TEST_F(LogMsgStuck, Uninit_CancelsThemAll_AndTheNextCycleWorks) {
     EXPECT_EQ(Insert(u64DataId), 0u);
   ASSERT_TRUE(WaitSends(32));
   StopStuck(32);
+  EXPECT_THAT(Lines(),
+              Contains("3 *zxagent CAgentLogMsg::Uninit Warn accepted and not sent uCount[33] uSending[32]"));
   m_cloud.Reset();
   OnPause([](int) { PauseMs(20); });
   m_logMsg.Init(&m_send);
