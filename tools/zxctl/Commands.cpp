@@ -5,66 +5,17 @@
 #include <cstdio>
 #include <vector>
 
+#include "Answers.h"
 #include "LogTrace.h"
 #include "Table.h"
-#include "platform/doc/PJsonParse.h"
 #include "platform/os/ZxTime.h"
 
 namespace zxctl {
 
 namespace {
 
-using zxtools::CPJsonParse;
-using zxtools::HJsonNode;
-
 constexpr size_t kWhatMax = 120;  // characters of one table cell; --json has the whole text
 constexpr long kAskAgainNs = 20000000;
-
-std::string TextOf(const CPJsonParse& json, HJsonNode hParent, const char* pszName) {
-  CPString strValue;
-  const HJsonNode hNode = json.GetNode(hParent, pszName);
-  if (hNode == nullptr || !CPJsonParse::GetValue(hNode, strValue))
-    return {};
-  return strValue.Str();
-}
-
-int64_t NumberOf(const CPJsonParse& json, HJsonNode hParent, const char* pszName) {
-  double dValue = 0;
-  const HJsonNode hNode = json.GetNode(hParent, pszName);
-  return hNode != nullptr && CPJsonParse::GetDoubleValue(hNode, dValue) ? static_cast<int64_t>(dValue) : 0;
-}
-
-std::vector<HJsonNode> ItemsOf(const CPJsonParse& json, HJsonNode hParent, const char* pszName) {
-  std::vector<HJsonNode> listItems;
-  const HJsonNode hArray = json.GetNode(hParent, pszName);
-  if (hArray != nullptr)
-    json.GetAllNode(hArray, listItems);
-  return listItems;
-}
-
-int64_t NowMs() {
-  timespec ts{};
-  clock_gettime(CLOCK_REALTIME, &ts);
-  return static_cast<int64_t>(ts.tv_sec) * 1000 + ts.tv_nsec / 1000000;
-}
-
-void Print(const std::string& str) {
-  std::fwrite(str.data(), 1, str.size(), stdout);
-}
-
-// kExitOk when the answer is 200 and JSON; otherwise says what is wrong.
-int CheckAnswer(const _Answer& answer, CPJsonParse& json) {
-  if (answer.iStatus == 0) {
-    std::fprintf(stderr, "zxctl: the cloud does not answer: %s\n", answer.strError.c_str());
-    return kExitUnreachable;
-  }
-  const bool bJson = json.LoadBuffer(answer.strBody.data(), answer.strBody.size()) != 0;
-  if (answer.iStatus == 200 && bJson)
-    return kExitOk;
-  const std::string strWhy = bJson ? TextOf(json, nullptr, "error") : "";
-  std::fprintf(stderr, "zxctl: the cloud answers %d: %s\n", answer.iStatus, strWhy.c_str());
-  return kExitFailed;
-}
 
 // The only machine the cloud knows.
 int OnlyMid(CCloudClient& cloud, std::string& strMid) {

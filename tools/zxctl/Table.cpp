@@ -71,6 +71,17 @@ std::string ClockText(int64_t i64Ms) {
   return sz;
 }
 
+std::string DateText(int64_t i64Ms) {
+  if (i64Ms == 0)
+    return "-";
+  const time_t tSec = static_cast<time_t>(i64Ms / 1000);
+  struct tm tmLocal {};
+  localtime_r(&tSec, &tmLocal);
+  char sz[32];
+  strftime(sz, sizeof(sz), "%Y-%m-%d ", &tmLocal);
+  return sz + ClockText(i64Ms);
+}
+
 std::string AgoText(int64_t i64Ms, int64_t i64Now) {
   if (i64Ms == 0)
     return "-";

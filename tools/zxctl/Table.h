@@ -13,6 +13,7 @@ namespace zxctl {
 std::string FormatTable(const std::vector<std::vector<std::string>>& listRows);
 std::string Shorten(const std::string& str, size_t uMax);  // at most uMax characters, "..." where it was cut
 std::string ClockText(int64_t i64Ms);                      // local "HH:MM:SS.mmm"; "-" for 0
+std::string DateText(int64_t i64Ms);                       // local date before it; "-" for 0
 std::string AgoText(int64_t i64Ms, int64_t i64Now);        // "12 s ago"; "-" for 0
 
 std::string ErrnoText(int iError);  // "No such file or directory"

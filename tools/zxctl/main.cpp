@@ -4,6 +4,7 @@
 #include <cstdio>
 
 #include "Commands.h"
+#include "Uploads.h"
 
 using namespace zxctl;
 
@@ -15,6 +16,9 @@ struct _Options {
   _PushOptions push;
   std::string strTraceID, strHome;
   bool bAll = false;
+  _ListOptions list;
+  std::string strUpload, strCommandID;
+  bool bBody = false;
 };
 
 bool FindCloud(const _Options& options, _CloudAddress& address) {
@@ -47,6 +51,50 @@ void DefinePush(CLI::App& app, _PushOptions& push) {
       ->check(CLI::Range(0, 86400));
 }
 
+CLI::App* DefineList(CLI::App& app, const char* pszName, const char* pszWhat, _ListOptions& list) {
+  CLI::App* pList = app.add_subcommand(pszName, pszWhat);
+  pList->add_option("--mid", list.strMid, "of this machine only");
+  pList->add_option("--max", list.iMax, "the newest so many")
+      ->check(CLI::Range(1, 1000))
+      ->capture_default_str();
+  return pList;
+}
+
+void DefineLists(CLI::App& app, _Options& options) {
+  _ListOptions& list = options.list;
+  CLI::App* pUploads = DefineList(app, "uploads", "list what machines sent", list);
+  pUploads->add_option("--kind", list.strKind, "ack, maint, tags or data")
+      ->check(CLI::IsMember({"ack", "maint", "tags", "data"}));
+  pUploads->add_option("--about", list.strAbout, "what concerns this command id, or has this message id");
+  CLI::App* pAcks = DefineList(app, "acks", "list acknowledgements of commands", list);
+  pAcks->add_option("id", list.strAbout, "of this command only");
+  CLI::App* pMaint = DefineList(app, "maint", "list results of maintenance scripts", list);
+  pMaint->add_option("id", list.strAbout, "of this script only");
+  CLI::App* pCommands = DefineList(app, "commands", "list commands and policies", list);
+  pCommands->add_option("--state", list.strState,
+                        "queued, publishing, pushed, offered, acked, refused or expired");
+  CLI::App* pUpload = app.add_subcommand("upload", "show one upload with its body");
+  pUpload->add_option("which", options.strUpload, "its number (SEQ) or message id")->required();
+  pUpload->add_flag("--body", options.bBody, "print the body alone");
+  CLI::App* pShow =
+      app.add_subcommand("show", "show a command or policy: its text and what came back about it");
+  pShow->add_option("id", options.strCommandID, "id of the command")->required();
+}
+
+int RunList(CLI::App& app, CCloudClient& cloud, const _Options& options) {
+  if (app.got_subcommand("uploads"))
+    return Uploads(cloud, options.list, options.bJson);
+  if (app.got_subcommand("acks"))
+    return Acks(cloud, options.list, options.bJson);
+  if (app.got_subcommand("maint"))
+    return MaintResults(cloud, options.list, options.bJson);
+  if (app.got_subcommand("commands"))
+    return Commands(cloud, options.list, options.bJson);
+  if (app.got_subcommand("upload"))
+    return ShowUpload(cloud, options.strUpload, options.bBody, options.bJson);
+  return ShowCommand(cloud, options.strCommandID, options.bJson);
+}
+
 int Run(CLI::App& app, const _Options& options) {
   _CloudAddress address;
   if (!FindCloud(options, address))
@@ -58,7 +106,9 @@ int Run(CLI::App& app, const _Options& options) {
     return Agents(cloud, options.bJson);
   if (app.got_subcommand("trace"))
     return Trace(cloud, options.strTraceID, options.strHome, options.bAll, options.bJson);
-  return Status(cloud, options.bJson);
+  if (app.got_subcommand("status"))
+    return Status(cloud, options.bJson);
+  return RunList(app, cloud, options);
 }
 
 }  // namespace
@@ -84,6 +134,7 @@ int main(int iArgc, char** ppszArgv) {
                      "home of the agent on this machine, whose logs are merged in");
   pTrace->add_flag("--all", options.bAll, "every log record about the command, not only its steps");
   app.add_subcommand("status", "how the cloud stands");
+  DefineLists(app, options);
   try {
     app.parse(iArgc, ppszArgv);
   } catch (const CLI::ParseError& e) {

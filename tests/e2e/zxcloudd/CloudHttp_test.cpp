@@ -253,6 +253,52 @@ TEST_F(CCloudHttp, Zxctl_SaysByItsExitCodeWhatHappened) {
   EXPECT_EQ(Zxctl({"status"}, strOutput), 3) << "killed, its run file is still there";
 }
 
+TEST_F(CCloudHttp, Zxctl_ShowsWhatMachinesSent) {
+  StartCloud();
+  std::string strOutput;
+  std::string strMaint = UploadText(
+      kMid,
+      R"({"ID":"m-1","state":"done","exit_code":7,"duration_ms":12,"stdout":"line one\nline \u001b[2J two\n"})");
+  strMaint.replace(strMaint.find("zxsample"), 8, "zxpmaint");
+  ASSERT_EQ(Upload(kMid, "u-1", UploadText(kMid, "{\"lines\":[\"hello\"]}")).iStatus, 200);
+  ASSERT_EQ(Zxctl({"push", "--pcid", "1001", "--text", R"({"ID":"p-1","Policy":{"depth":3}})"}, strOutput),
+            0);
+  ASSERT_EQ(Upload(kMid, "u-2", UploadText(kMid, R"({"ID":"p-1","msg_type":"4"})")).iStatus, 200);
+  ASSERT_EQ(Upload(kMid, "u-3", strMaint).iStatus, 200);
+
+  ASSERT_EQ(Zxctl({"uploads"}, strOutput), 0) << strOutput;
+  for (const char* psz : {"SEQ", "plugin", "veltcwpp/zxsample", "u-1", "https", "data"})
+    EXPECT_THAT(strOutput, HasSubstr(psz));
+  EXPECT_LT(strOutput.find("u-1"), strOutput.find("u-3")) << "the newest is the last line";
+  EXPECT_THAT(strOutput, testing::Not(HasSubstr("hello")));
+  ASSERT_EQ(Zxctl({"uploads", "--kind", "maint", "--max", "1"}, strOutput), 0);
+  EXPECT_THAT(strOutput, testing::AllOf(HasSubstr("u-3"), testing::Not(HasSubstr("u-2"))));
+  EXPECT_EQ(Zxctl({"uploads", "--kind", "letters"}, strOutput), 2);
+
+  ASSERT_EQ(Zxctl({"acks"}, strOutput), 0);
+  EXPECT_THAT(strOutput,
+              testing::AllOf(HasSubstr("p-1"), HasSubstr("nobody takes it"), testing::Not(HasSubstr("u-1"))));
+  ASSERT_EQ(Zxctl({"acks", "other"}, strOutput), 0);
+  EXPECT_THAT(strOutput, testing::Not(HasSubstr("p-1")));
+  ASSERT_EQ(Zxctl({"maint"}, strOutput), 0);
+  EXPECT_THAT(strOutput, testing::AllOf(HasSubstr("m-1"), HasSubstr("done 7")));
+  ASSERT_EQ(Zxctl({"upload", "u-3"}, strOutput), 0);
+  for (const char* psz : {"exit_code    7", "--- stdout\nline one\nline ?[2J two\n", "debian 12"})
+    EXPECT_THAT(strOutput, HasSubstr(psz));
+  ASSERT_EQ(Zxctl({"upload", "1", "--body"}, strOutput), 0);
+  EXPECT_EQ(strOutput, "{\"lines\":[\"hello\"]}");
+  EXPECT_EQ(Zxctl({"upload", "nothing"}, strOutput), 1);
+  EXPECT_EQ(Zxctl({"upload", "99"}, strOutput), 1);
+
+  ASSERT_EQ(Zxctl({"show", "p-1"}, strOutput), 0);
+  for (const char* psz : {R"({"ID":"p-1","Policy":{"depth":3}})", "refused", "u-2"})
+    EXPECT_THAT(strOutput, HasSubstr(psz));
+  ASSERT_EQ(Zxctl({"commands", "--state", "refused"}, strOutput), 0);
+  EXPECT_THAT(strOutput, HasSubstr("p-1"));
+  ASSERT_EQ(Zxctl({"--json", "uploads", "--about", "p-1"}, strOutput), 0);
+  EXPECT_THAT(strOutput, testing::AllOf(HasSubstr("\"outcome\":\"4\""), testing::Not(HasSubstr("u-1"))));
+}
+
 TEST_F(CCloudHttp, Zxctl_TraceMergesTheAgentsLogs) {
   StartCloud();
   EXPECT_EQ(Upload(kMid, "u-1", UploadText(kMid, "x")).iStatus, 200);
