@@ -77,8 +77,8 @@ uint32_t CBusContext::AsynSendEx(const GUID* pTarget, uint32_t uiType, const voi
   const uint32_t uiTimeout =
       uiTimeoutMs == 0 || uiTimeoutMs > kBusMaxTimeoutMs ? kBusMaxTimeoutMs : uiTimeoutMs;
   return Guarded([&] {
-    return m_pEndpoint->Send(CBusRouter::Instance().Find(*pTarget), uiType, pData, uiLength, pCallback,
-                             pContext, pui64ACT, uiTimeout);
+    return m_pEndpoint->Send(CBusRouter::Instance().Find(*pTarget), *pTarget, uiType, pData, uiLength,
+                             pCallback, pContext, pui64ACT, uiTimeout);
   });
 }
 

@@ -171,7 +171,7 @@ void CBusEndpoint::Run(_Work& work) {
   if (work.completion)
     RunCompletion(*work.completion);
   else if (work.pReceiver == nullptr)
-    Refuse(std::move(work.pMessage->call), kBusErrNoReceiver);
+    RefuseIfAny(work.pMessage->call, kBusErrNoReceiver);
   else
     RunReceiver(work);
 }

@@ -1,31 +1,12 @@
 #include "platform/bus/BusEndpoint.h"
 
-#include <sys/random.h>
-
 #include <exception>
 #include <utility>
 
+#include "platform/bus/BusCarrier.h"
 #include "platform/bus/BusClock.h"
+#include "platform/bus/BusLink.h"
 #include "platform/bus/BusRouter.h"
-#include "platform/os/ZxTime.h"
-
-namespace {
-
-// Also the part that makes baton handles unique, so it never repeats in a process.
-// Starts at a random place, so that a handle derived from a token cannot be told from outside.
-unsigned long long FirstToken() {
-  unsigned long long ui64Random = 0;
-  if (getrandom(&ui64Random, sizeof(ui64Random), GRND_NONBLOCK) != sizeof(ui64Random))
-    ui64Random = ZxGetTickCount() << 24;
-  return ui64Random >> 24;  // 40 bits, so that a handle, which is the token shifted by 20, keeps all of them
-}
-
-unsigned long long NextToken() {
-  static std::atomic<unsigned long long> s_ui64LastACT{FirstToken()};
-  return s_ui64LastACT.fetch_add(1, std::memory_order_relaxed) + 1;
-}
-
-}  // namespace
 
 CBusEndpoint::CBusEndpoint(void* pContext, const _BusLimits& limits)
     : m_pContext(pContext), m_limits(limits), m_slots(limits.uiDispatchers) {
@@ -72,8 +53,12 @@ uint32_t CBusEndpoint::Join(const GUID& guid) {
     CBusRouter::Instance().Remove(guid);
     return kBusErrBusy;
   }
-  CCritLock lock(m_cs);
-  m_eState = uiResult == 0 ? EState::In : EState::Out;
+  {
+    CCritLock lock(m_cs);
+    m_eState = uiResult == 0 ? EState::In : EState::Out;
+  }
+  if (uiResult == 0 && (uiResult = CBusCarrier::Instance().Attach(shared_from_this(), guid)) != 0)
+    Leave();
   return uiResult;
 }
 
@@ -82,12 +67,14 @@ void CBusEndpoint::Leave() {
   GUID guid;
   CBusQueue dropped;
   CBusBatons batons;
+  std::shared_ptr<CBusLink> pLink;
   {
     CCritLock lock(m_cs);
     if (m_eState == EState::In) {
       bLeft = true;
       m_eState = EState::Leaving;
       guid = m_guid;
+      pLink = std::move(m_pLink);
       m_receivers.clear();
       // Messages go, completions stay: they are owed to the component.
       CBusQueue owed;
@@ -107,10 +94,12 @@ void CBusEndpoint::Leave() {
     CBusRouter::Instance().Remove(guid);
   while (CBusItem* pItem = dropped.Pop()) {
     const std::unique_ptr<CBusMessage> pMessage(static_cast<CBusMessage*>(pItem));
-    Refuse(std::move(pMessage->call), kBusErrGone);
+    RefuseIfAny(pMessage->call, kBusErrGone);
   }
   while (CBusRef<CBusCall> call = batons.TakeDisowned())
-    Refuse(std::move(call), kBusErrGone);
+    RefuseIfAny(call, kBusErrGone);
+  if (pLink != nullptr)
+    pLink->Close(!OnOwnDispatcher());
   if (OnOwnDispatcher())
     return;
   CCritLock lock(m_cs);
@@ -121,16 +110,29 @@ void CBusEndpoint::Leave() {
 }
 
 uint32_t CBusEndpoint::Receive(uint32_t uiType, IMRReceiveComplete* pReceiver) {
-  CCritLock lock(m_cs);
-  if (m_eState != EState::In)
-    return kBusErrNotInitialized;
-  m_receivers[uiType] = pReceiver;
+  std::shared_ptr<CBusLink> pLink;
+  {
+    CCritLock lock(m_cs);
+    if (m_eState != EState::In)
+      return kBusErrNotInitialized;
+    m_receivers[uiType] = pReceiver;
+    pLink = m_pLink;
+  }
+  if (pLink != nullptr)
+    pLink->TypesChanged(true);
   return 0;
 }
 
 void CBusEndpoint::Unreceive(uint32_t uiType) {
+  std::shared_ptr<CBusLink> pLink;
+  {
+    CCritLock lock(m_cs);
+    m_receivers.erase(uiType);
+    pLink = m_pLink;
+  }
+  if (pLink != nullptr)
+    pLink->TypesChanged(false);
   CCritLock lock(m_cs);
-  m_receivers.erase(uiType);
   SetUnreceiving(true);
   ++m_uStateWaiters;
   while (IsRunning(uiType))
@@ -139,42 +141,41 @@ void CBusEndpoint::Unreceive(uint32_t uiType) {
   SetUnreceiving(false);
 }
 
-uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pTarget, uint32_t uiType, const void* pData,
-                            uint32_t uiLength, IMRSendComplete* pCallback, void* pContext,
+uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pLocal, const GUID& guidTarget, uint32_t uiType,
+                            const void* pData, uint32_t uiLength, IMRSendComplete* pCallback, void* pContext,
                             unsigned long long* pui64ACT, uint32_t uiTimeoutMs) {
   auto pMessage = std::make_unique<CBusMessage>();
+  pMessage->guidTo = guidTarget;
   pMessage->uiType = uiType;
   pMessage->uiLength = uiLength;
-  const unsigned long long ui64ACT = NextToken();
+  const unsigned long long ui64ACT = NextBusToken();
   if (pui64ACT != nullptr)
     *pui64ACT = ui64ACT;
-
+  pMessage->pOwn = CopyBytes(pData, uiLength);
   CBusRef<CBusCall> call;
-  if (pTarget != nullptr) {
-    pMessage->pOwn = CopyBytes(pData, uiLength);
-    if (pCallback != nullptr) {
-      call = CBusRef<CBusCall>(new CBusCall);
-      call->pSender = shared_from_this();
-      call->pTarget = pTarget;
-      call->pCallback = pCallback;
-      call->pContext = pContext;
-      call->ui64ACT = ui64ACT;
-      call->uiType = uiType;
-      call->uiTimeoutMs = uiTimeoutMs;
-      pMessage->call = call;
-    }
+  if (pCallback != nullptr) {
+    call = CBusRef<CBusCall>(new CBusCall);
+    call->pSender = shared_from_this();
+    call->pCallback = pCallback;
+    call->pContext = pContext;
+    call->ui64ACT = ui64ACT;
+    call->uiType = uiType;
+    call->uiTimeoutMs = uiTimeoutMs;
+    pMessage->call = call;
   }
+  std::shared_ptr<IBusPeer> pTarget = std::move(pLocal);
   const uint64_t u64NowNs = call ? BusNowNs() : 0;
   {
     CCritLock lock(m_cs);
     if (m_eState != EState::In)
       return kBusErrNotInitialized;
-    if (pTarget == nullptr)
+    if (pTarget == nullptr && (pTarget = m_pLink) == nullptr)
       return kBusErrNoTarget;
     pMessage->guidFrom = m_guid;
     if (call) {
       if (m_deadlines.Count() >= m_limits.uMaxRecords)
         return kBusErrBusy;
+      call->pTarget = pTarget;
       const uint64_t u64OldNs = m_deadlines.EarliestNs();
       m_deadlines.Insert(call, u64NowNs);
       if (m_deadlines.EarliestNs() < u64OldNs && m_uIdle > 0)
@@ -189,22 +190,28 @@ uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pTarget, uint32_t uiTy
 uint32_t CBusEndpoint::Broadcast(const std::vector<std::shared_ptr<CBusEndpoint>>& targets, uint32_t uiType,
                                  const void* pData, uint32_t uiLength) {
   GUID guidFrom;
+  std::shared_ptr<CBusLink> pLink;
   {
     CCritLock lock(m_cs);
     if (m_eState != EState::In)
       return kBusErrNotInitialized;
     guidFrom = m_guid;
+    pLink = m_pLink;
   }
   CBusRef<CBusPayload> payload(new CBusPayload);
   payload->pData = CopyBytes(pData, uiLength);
-  for (const auto& pTarget : targets) {
+  const auto push = [&](IBusPeer& target) {
     auto pMessage = std::make_unique<CBusMessage>();
     pMessage->guidFrom = guidFrom;
     pMessage->uiType = uiType;
     pMessage->uiLength = uiLength;
     pMessage->payload = payload;
-    pTarget->Push(std::move(pMessage));  // best effort: a full or departed receiver loses it
-  }
+    target.Push(std::move(pMessage));  // best effort: a full or departed receiver loses it
+  };
+  for (const auto& pTarget : targets)
+    push(*pTarget);
+  if (pLink != nullptr)
+    push(*pLink);
   return 0;
 }
 
@@ -223,10 +230,10 @@ uint32_t CBusEndpoint::Reply(uint32_t uiStatus, long i64MsgType, const void* pDa
       return kBusErrBusy;  // the baton stays: the component may try again
     call = m_batons.Take(u64Baton);
   }
-  CBusEndpoint& sender = *call->pSender;
+  IBusPeer& sender = *call->pSender;
   if (sender.Complete(*call, uiStatus, i64MsgType, std::move(pReply), uiLength))
     return 0;
-  sender.m_uReplyBytes.fetch_sub(uiLength, std::memory_order_relaxed);
+  sender.ReleaseReplyBytes(uiLength);
   return kBusErrInvalid;
 }
 
@@ -269,6 +276,10 @@ bool CBusEndpoint::ReserveReplyBytes(uint32_t uiLength) {
   return true;
 }
 
+void CBusEndpoint::ReleaseReplyBytes(uint32_t uiLength) {
+  m_uReplyBytes.fetch_sub(uiLength, std::memory_order_relaxed);
+}
+
 bool CBusEndpoint::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
                             uint32_t uiLength) {
   CCritLock lock(m_cs);
@@ -296,7 +307,48 @@ bool CBusEndpoint::Withdraw(CBusCall& call) {
   return true;
 }
 
-void CBusEndpoint::Refuse(CBusRef<CBusCall> call, uint32_t uiStatus) {
+void CBusEndpoint::Refuse(CBusCall& call, uint32_t uiStatus) {
+  Complete(call, uiStatus, static_cast<long>(call.uiType), nullptr, 0);
+}
+
+void CBusEndpoint::RefuseIfAny(const CBusRef<CBusCall>& call, uint32_t uiStatus) {
   if (call)
-    call->pSender->Complete(*call, uiStatus, static_cast<long>(call->uiType), nullptr, 0);
+    call->pSender->Refuse(*call, uiStatus);
+}
+
+bool CBusEndpoint::AttachLink(const std::shared_ptr<CBusLink>& pLink) {
+  CCritLock lock(m_cs);
+  if (m_pLink != nullptr || (m_eState != EState::In && m_eState != EState::Joining))
+    return false;
+  m_pLink = pLink;
+  return true;
+}
+
+std::shared_ptr<CBusLink> CBusEndpoint::DetachLink() {
+  CCritLock lock(m_cs);
+  return std::move(m_pLink);
+}
+
+std::shared_ptr<CBusLink> CBusEndpoint::Link() {
+  CCritLock lock(m_cs);
+  return m_pLink;
+}
+
+std::vector<uint32_t> CBusEndpoint::Types() {
+  std::vector<uint32_t> types;
+  CCritLock lock(m_cs);
+  types.reserve(m_receivers.size());
+  for (const auto& [uiType, pReceiver] : m_receivers)
+    types.push_back(uiType);
+  return types;
+}
+
+bool CBusEndpoint::HasReceiver(uint32_t uiType) {
+  CCritLock lock(m_cs);
+  return m_receivers.count(uiType) != 0;
+}
+
+CBusEndpoint::_Depths CBusEndpoint::Depths() {
+  CCritLock lock(m_cs);
+  return {m_uQueuedMessages, m_uQueuedBytes, m_batons.Count(), m_deadlines.Count()};
 }

@@ -22,6 +22,7 @@
 #include "platform/bus/BusBatons.h"
 #include "platform/bus/BusDeadlines.h"
 #include "platform/bus/BusItems.h"
+#include "platform/bus/BusPeer.h"
 #include "platform/bus/zxbus.h"
 #include "platform/os/ZxCritSec.h"
 
@@ -31,7 +32,9 @@ struct _BusLimits {
   size_t uMaxBytes = 16u << 20;  // queued messages; and the same again for replies
 };
 
-class CBusEndpoint : public std::enable_shared_from_this<CBusEndpoint> {
+class CBusLink;
+
+class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<CBusEndpoint> {
  public:
   // pContext is what receivers get as their context.
   CBusEndpoint(void* pContext, const _BusLimits& limits);
@@ -46,14 +49,35 @@ class CBusEndpoint : public std::enable_shared_from_this<CBusEndpoint> {
 
   uint32_t Receive(uint32_t uiType, IMRReceiveComplete* pReceiver) TS_EXCLUDES(m_cs);
   void Unreceive(uint32_t uiType) TS_EXCLUDES(m_cs);
-  // Arguments are checked by the context. pTarget null: nobody has that GUID.
-  uint32_t Send(std::shared_ptr<CBusEndpoint> pTarget, uint32_t uiType, const void* pData, uint32_t uiLength,
-                IMRSendComplete* pCallback, void* pContext, unsigned long long* pui64ACT,
-                uint32_t uiTimeoutMs) TS_EXCLUDES(m_cs);
+  // Arguments are checked by the context.
+  // pLocal null: looked for in other processes.
+  uint32_t Send(std::shared_ptr<CBusEndpoint> pLocal, const GUID& guidTarget, uint32_t uiType,
+                const void* pData, uint32_t uiLength, IMRSendComplete* pCallback, void* pContext,
+                unsigned long long* pui64ACT, uint32_t uiTimeoutMs) TS_EXCLUDES(m_cs);
   uint32_t Broadcast(const std::vector<std::shared_ptr<CBusEndpoint>>& targets, uint32_t uiType,
                      const void* pData, uint32_t uiLength) TS_EXCLUDES(m_cs);
   uint32_t Reply(uint32_t uiStatus, long i64MsgType, const void* pData, uint32_t uiLength, uint64_t u64Baton)
       TS_EXCLUDES(m_cs);
+
+  // The connection to other processes. False: the component is not on the bus, or has one already.
+  bool AttachLink(const std::shared_ptr<CBusLink>& pLink) TS_EXCLUDES(m_cs);
+  std::shared_ptr<CBusLink> DetachLink() TS_EXCLUDES(m_cs);
+  std::shared_ptr<CBusLink> Link() TS_EXCLUDES(m_cs);
+  std::vector<uint32_t> Types() TS_EXCLUDES(m_cs);
+  bool HasReceiver(uint32_t uiType) TS_EXCLUDES(m_cs);
+  bool OnOwnDispatcher() const;
+  struct _Depths {
+    size_t uQueued = 0, uQueuedBytes = 0, uBatons = 0, uUnderWay = 0;
+  };
+  _Depths Depths() TS_EXCLUDES(m_cs);
+
+  uint32_t Push(std::unique_ptr<CBusMessage> pMessage) override TS_EXCLUDES(m_cs);
+  void DropBaton(CBusCall& call) override TS_EXCLUDES(m_cs);
+  bool ReserveReplyBytes(uint32_t uiLength) override;
+  void ReleaseReplyBytes(uint32_t uiLength) override;
+  bool Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
+                uint32_t uiLength) override TS_EXCLUDES(m_cs);
+  void Refuse(CBusCall& call, uint32_t uiStatus) override TS_EXCLUDES(m_cs);
 
  private:
   enum class EState { Out, Joining, In, Leaving };
@@ -71,15 +95,8 @@ class CBusEndpoint : public std::enable_shared_from_this<CBusEndpoint> {
     CBusRef<CBusCall> completion;
   };
 
-  // Target side.
-  uint32_t Push(std::unique_ptr<CBusMessage> pMessage) TS_EXCLUDES(m_cs);
-  void DropBaton(CBusCall& call) TS_EXCLUDES(m_cs);
-  // Sender side. False: the call had ended already.
-  bool Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply, uint32_t uiLength)
-      TS_EXCLUDES(m_cs);
   bool Withdraw(CBusCall& call) TS_EXCLUDES(m_cs);
-  bool ReserveReplyBytes(uint32_t uiLength);
-  static void Refuse(CBusRef<CBusCall> call, uint32_t uiStatus);
+  static void RefuseIfAny(const CBusRef<CBusCall>& call, uint32_t uiStatus);
 
   // Dispatchers.
   static void* DispatcherEntry(void* pStart);
@@ -96,7 +113,6 @@ class CBusEndpoint : public std::enable_shared_from_this<CBusEndpoint> {
   void Wait(pthread_cond_t& cond, uint64_t u64DeadlineNs) TS_REQUIRES(m_cs);
   bool IsRunning(uint32_t uiType) TS_REQUIRES(m_cs);
   void SetUnreceiving(bool bUnreceiving) TS_REQUIRES(m_cs);
-  bool OnOwnDispatcher() const;
   static size_t Cost(uint32_t uiLength) { return uiLength + kRecordBytes; }
 
   static constexpr size_t kRecordBytes = 128;  // what a record costs beside its data
@@ -109,6 +125,7 @@ class CBusEndpoint : public std::enable_shared_from_this<CBusEndpoint> {
   pthread_cond_t m_condState;  // a receiver returned, or the last dispatcher ended
   EState m_eState TS_GUARDED_BY(m_cs) = EState::Out;
   GUID m_guid TS_GUARDED_BY(m_cs);
+  std::shared_ptr<CBusLink> m_pLink TS_GUARDED_BY(m_cs);  // null: this process only
   std::unordered_map<uint32_t, IMRReceiveComplete*> m_receivers TS_GUARDED_BY(m_cs);
   CBusQueue m_queue TS_GUARDED_BY(m_cs);
   size_t m_uQueuedMessages TS_GUARDED_BY(m_cs) = 0;

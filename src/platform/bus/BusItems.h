@@ -12,7 +12,8 @@
 
 #include "platform/bus/zxbus.h"
 
-class CBusEndpoint;
+class IBusPeer;
+struct sd_bus_message;
 
 // Counted reference to an object with AddRef and Release.
 template <class T>
@@ -51,6 +52,9 @@ using TBusBytes = std::unique_ptr<unsigned char, CFreeDelete>;
 // Heap copy of a caller's data; null for no data. Throws std::bad_alloc.
 TBusBytes CopyBytes(const void* pData, uint32_t uiLength);
 
+// A token for a send: never 0, never given out twice in a process.
+unsigned long long NextBusToken();
+
 // One entry of an endpoint's queue.
 struct CBusItem {
   enum class EKind : uint8_t { Message, Completion };
@@ -72,8 +76,8 @@ struct CBusCall : CBusItem {
   }
 
   // Set before the call is shared.
-  std::shared_ptr<CBusEndpoint> pSender;
-  std::shared_ptr<CBusEndpoint> pTarget;
+  std::shared_ptr<IBusPeer> pSender;
+  std::shared_ptr<IBusPeer> pTarget;
   IMRSendComplete* pCallback = nullptr;
   void* pContext = nullptr;
   unsigned long long ui64ACT = 0;
@@ -95,6 +99,17 @@ struct CBusCall : CBusItem {
   std::atomic<bool> bDone{false};
 
   uint64_t u64Baton = 0;  // guarded by the target's lock; 0: none
+
+  // Calls to or from another process, guarded by the I/O thread of the bus: the list of its connection, the
+  // serial under which a call was sent or arrived, and the message to answer.
+  CBusCall* pPrevRemote = nullptr;
+  CBusCall* pNextRemote = nullptr;
+  struct CBusRemoteTarget* pRemoteTarget = nullptr;
+  uint64_t u64Serial = 0;
+  uint32_t uiRemoteBytes = 0;
+  bool bInFlight = false;
+  sd_bus_message* pRemoteMessage = nullptr;
+  bool bRefused = false;  // uiStatus is an error of the bus; set before the call is queued
 
  private:
   ~CBusCall() = default;
@@ -123,6 +138,7 @@ struct CBusMessage : CBusItem {
   const unsigned char* Data() const { return payload ? payload->pData.get() : pOwn.get(); }
 
   GUID guidFrom;
+  GUID guidTo;  // zero: a broadcast
   uint32_t uiType = 0;
   uint32_t uiLength = 0;
   TBusBytes pOwn;
@@ -134,6 +150,7 @@ struct CBusMessage : CBusItem {
 class CBusQueue {
  public:
   bool IsEmpty() const { return m_pHead == nullptr; }
+  CBusItem* Head() const { return m_pHead; }
   void Push(CBusItem& item) {
     item.pNextItem = nullptr;
     (m_pTail != nullptr ? m_pTail->pNextItem : m_pHead) = &item;
@@ -144,6 +161,13 @@ class CBusQueue {
     if (pItem != nullptr && (m_pHead = pItem->pNextItem) == nullptr)
       m_pTail = nullptr;
     return pItem;
+  }
+  void Append(CBusQueue& other) {
+    if (other.m_pHead == nullptr)
+      return;
+    (m_pTail != nullptr ? m_pTail->pNextItem : m_pHead) = other.m_pHead;
+    m_pTail = other.m_pTail;
+    other.m_pHead = other.m_pTail = nullptr;
   }
 
  private:

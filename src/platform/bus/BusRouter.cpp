@@ -38,3 +38,8 @@ std::vector<std::shared_ptr<CBusEndpoint>> CBusRouter::AllBut(const CBusEndpoint
   }
   return list;
 }
+
+std::vector<std::pair<GUID, std::shared_ptr<CBusEndpoint>>> CBusRouter::All() {
+  CCritLock lock(m_cs);
+  return {m_endpoints.begin(), m_endpoints.end()};
+}

@@ -4,6 +4,7 @@
 
 #include <map>
 #include <memory>
+#include <utility>
 #include <vector>
 
 #include "platform/os/ZxCritSec.h"
@@ -19,6 +20,7 @@ class CBusRouter {
   void Remove(const GUID& guid) TS_EXCLUDES(m_cs);
   std::shared_ptr<CBusEndpoint> Find(const GUID& guid) TS_EXCLUDES(m_cs);
   std::vector<std::shared_ptr<CBusEndpoint>> AllBut(const CBusEndpoint* pEndpoint) TS_EXCLUDES(m_cs);
+  std::vector<std::pair<GUID, std::shared_ptr<CBusEndpoint>>> All() TS_EXCLUDES(m_cs);
 
  private:
   CCritSec m_cs;

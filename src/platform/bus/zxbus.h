@@ -89,10 +89,65 @@ struct ZxBusSettings {
   uint32_t uiMaxBytes = 0;     // 16 MiB of messages waiting, and as much of replies
 };
 
+// What became of the connection to the other processes.
+enum : uint32_t {
+  kBusStateConnected = 1,  // also after every reconnection
+  kBusStateLost = 2,       // everything outstanding completed with kBusErrGone; the bus tries again by itself
+  kBusStateRefused = 3,    // one component's GUID was not granted; it is asked for again every 2 s
+};
+typedef void (*PfnZxBusState)(uint32_t uiState, const char* pszText, void* pContext);
+
+// How a process joins the bus that spans processes; 0 means the default.
+struct ZxBusConnectSettings {
+  uint32_t uiSize = sizeof(ZxBusConnectSettings);
+  const char* pszAddress = nullptr;  // of the D-Bus daemon: "unix:path=/..."
+  uint32_t uiTimeoutMs = 0;          // 5000: longest wait of ZxBusConnect and of each Initialize
+  uint32_t uiMaxSendBytes = 0;       // 16 MiB per component: sends, broadcasts and replies not yet written
+  PfnZxBusState pfnState = nullptr;  // may be null; runs on the thread of host calls and must not block long
+  void* pContext = nullptr;
+};
+
+// One call of the host object. Texts are valid during the call.
+struct ZxBusHostCall {
+  uint32_t uiSize = sizeof(ZxBusHostCall);
+  const char* pszMethod = nullptr;
+  const char* pszJson = nullptr;
+  uint32_t uiUid = 0;  // of the caller, as the kernel told the daemon: root's or this process's own
+  uint32_t uiPid = 0;
+  void* pAnswer = nullptr;  // for ZxBusHostAnswer
+};
+// 0: answered. kBusErrNoReceiver: no such method. kBusErrInvalid, kBusErrDenied, others: an error whose text
+// is what ZxBusHostAnswer was given.
+typedef uint32_t (*PfnZxBusHost)(const ZxBusHostCall* pCall, void* pContext);
+
 // Host side, C linkage. Contexts of one process share one bus. Destroy after the component's Uninitialize; a
 // context that is still initialised is uninitialised first.
 extern "C" {
 ZX_API IBusContext* ZxBusCreateContext();                                    // null when out of memory
 ZX_API IBusContext* ZxBusCreateContextWith(const ZxBusSettings* pSettings);  // null: defaults
 ZX_API void ZxBusDestroyContext(IBusContext* pContext);
+
+// Joins the contexts of this process, those that are initialised and those that will be, to the bus at the
+// address. From then on a GUID that is not in this process is looked for in others; operations are the same.
+// 0: connected. kBusErrGone: not yet, the bus goes on trying. kBusErrInvalid: no address, or joined already.
+// While connected, Initialize waits until the GUID is granted: kBusErrTaken, kBusErrDenied. While the daemon
+// is away it waits uiTimeoutMs, then joins in memory only and claims the GUID as soon as the daemon is back.
+ZX_API uint32_t ZxBusConnect(const ZxBusConnectSettings* pSettings);
+// Leaves it again: names are given back, what is outstanding completes with kBusErrGone. Not from a callback.
+ZX_API void ZxBusDisconnect();
+// State and figures as a JSON text with its NUL. *puiNeeded is the size it needs; kBusErrTooLong when the
+// buffer is smaller (it may be null with capacity 0).
+ZX_API uint32_t ZxBusStats(char* pszJson, uint32_t uiCapacity, uint32_t* puiNeeded);
+
+// Serves the host object (docs/bus.md) once connected. Calls run one at a time on a thread of their own, for
+// root and for this process's own user only. Null ends it; a running call is waited for, unless it is the one
+// that calls this.
+ZX_API uint32_t ZxBusServeHost(PfnZxBusHost pfnHost, void* pContext);
+ZX_API void ZxBusHostAnswer(const ZxBusHostCall* pCall, const char* pszJson);  // copies; the last one counts
+// Client side, with a connection of its own; needs no ZxBusConnect. *ppszAnswer is the answer, or the reason
+// of a non-zero result (kBusErrGone: no bus there; kBusErrNoTarget: no host on it); give it back with
+// ZxBusFree.
+ZX_API uint32_t ZxBusCallHost(const char* pszAddress, const char* pszMethod, const char* pszJson,
+                              char** ppszAnswer, uint32_t uiTimeoutMs);
+ZX_API void ZxBusFree(char* psz);
 }

@@ -1,0 +1,342 @@
+// What a component sends to other processes.
+#include <algorithm>
+#include <exception>
+#include <utility>
+
+#include "platform/bus/BusCarrier.h"
+#include "platform/bus/BusEndpoint.h"
+#include "platform/bus/BusErrors.h"
+#include "platform/bus/BusLink.h"
+#include "platform/bus/BusNames.h"
+#include "platform/bus/zxbus.h"
+
+namespace {
+
+// Calls and bytes that the daemon holds for one target. The daemon's own bounds (docs/bus.md) lie behind
+// them.
+constexpr size_t kWindowCalls = 256;
+constexpr size_t kWindowBytes = 8u << 20;
+constexpr uint64_t kNoTimeout = UINT64_MAX;  // deadlines are the component's; the daemon has one of its own
+
+bool IsDead(const CBusItem& item) {
+  if (item.eKind != CBusItem::EKind::Message)
+    return false;
+  const auto& message = static_cast<const CBusMessage&>(item);
+  return message.call && message.call->bDone.load(std::memory_order_acquire);
+}
+
+}  // namespace
+
+uint32_t CBusLink::Push(std::unique_ptr<CBusMessage> pMessage) {
+  const size_t uCost = Cost(pMessage->uiLength);
+  bool bKick = false;
+  uint32_t uiResult = 0;
+  {
+    CCritLock lock(m_cs);
+    if (!m_bUp)
+      uiResult = kBusErrGone;
+    else if (pMessage->guidTo != GUID() && !m_owners.Has(pMessage->guidTo))
+      uiResult = kBusErrNoTarget;
+    else if (m_uQueuedBytes != 0 && m_uQueuedBytes + uCost > m_uMaxBytes)
+      uiResult = kBusErrBusy;
+    if (uiResult == 0) {
+      m_uQueuedBytes += uCost;
+      m_queued.Push(*pMessage.release());
+      bKick = !std::exchange(m_bKicked, true);
+    }
+  }
+  if (uiResult == kBusErrBusy)
+    m_figures.u64Busy.fetch_add(1, std::memory_order_relaxed);
+  if (bKick)
+    Kick();
+  return uiResult;
+}
+
+bool CBusLink::Queue(CBusItem& item) {
+  bool bKick = false;
+  {
+    CCritLock lock(m_cs);
+    if (!m_bUp)
+      return false;
+    m_queued.Push(item);
+    bKick = !std::exchange(m_bKicked, true);
+  }
+  if (bKick)
+    Kick();
+  return true;
+}
+
+void CBusLink::DropBaton(CBusCall& call) {
+  call.AddRef();
+  if (!Queue(call))
+    call.Release();
+}
+
+bool CBusLink::ReserveReplyBytes(uint32_t uiLength) {
+  CCritLock lock(m_cs);
+  if (uiLength != 0 && m_uQueuedBytes != 0 && m_uQueuedBytes + uiLength > m_uMaxBytes)
+    return false;
+  m_uQueuedBytes += uiLength;
+  return true;
+}
+
+void CBusLink::ReleaseReplyBytes(uint32_t uiLength) {
+  Released(uiLength);
+}
+
+void CBusLink::Released(size_t uBytes) {
+  CCritLock lock(m_cs);
+  m_uQueuedBytes -= uBytes;
+}
+
+bool CBusLink::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
+                        uint32_t uiLength) {
+  if (call.bDone.exchange(true))
+    return false;
+  call.uiStatus = uiStatus;
+  call.i64ReplyType = i64MsgType;
+  call.pReply = std::move(pReply);
+  call.uiReplyLength = uiLength;
+  call.AddRef();
+  if (Queue(call))
+    return true;
+  call.Release();
+  return false;
+}
+
+void CBusLink::Refuse(CBusCall& call, uint32_t uiStatus) {
+  if (call.bDone.exchange(true))
+    return;
+  call.bRefused = true;
+  call.uiStatus = uiStatus;
+  call.AddRef();
+  if (!Queue(call))
+    call.Release();
+}
+
+void CBusLink::TakeQueued() {
+  CCritLock lock(m_cs);
+  m_bKicked = false;
+  m_ready.Append(m_queued);
+}
+
+void CBusLink::WriteOut() {
+  while (!m_ready.IsEmpty() && IsReady() && CanWrite()) {
+    CBusItem* pItem = m_ready.Pop();
+    if (pItem->eKind == CBusItem::EKind::Message) {
+      WriteMessage(std::unique_ptr<CBusMessage>(static_cast<CBusMessage*>(pItem)));
+      continue;
+    }
+    CBusRef<CBusCall> call(static_cast<CBusCall*>(pItem));
+    if (call->pTarget.get() == static_cast<IBusPeer*>(this))
+      WriteCancel(*call);
+    else
+      WriteReply(std::move(call));
+  }
+}
+
+CBusRemoteTarget& CBusLink::TargetOf(const GUID& guid) {
+  CBusRemoteTarget& target = m_targets[guid];
+  if (target.strName.empty())
+    target.strName = BusNameOf(guid);
+  return target;
+}
+
+const std::string& CBusLink::PathOf(uint32_t uiType) {
+  constexpr size_t kKeepPaths = 1024;
+  if (m_paths.size() > kKeepPaths)
+    m_paths.clear();
+  std::string& strPath = m_paths[uiType];
+  if (strPath.empty())
+    strPath = BusPathOf(uiType);
+  return strPath;
+}
+
+bool CBusLink::WindowIsFull(const CBusRemoteTarget& target, uint32_t uiLength) {
+  return target.uCalls >= kWindowCalls || (target.uBytes != 0 && target.uBytes + uiLength > kWindowBytes);
+}
+
+void CBusLink::WriteMessage(std::unique_ptr<CBusMessage> pMessage) {
+  if (pMessage->guidTo == GUID()) {
+    SendBroadcast(*pMessage);  // best effort
+    Released(Cost(pMessage->uiLength));
+    return;
+  }
+  CBusRemoteTarget& target = TargetOf(pMessage->guidTo);
+  if (pMessage->call)
+    pMessage->call->pRemoteTarget = &target;
+  if (!target.waiting.IsEmpty() || (pMessage->call && WindowIsFull(target, pMessage->uiLength)))
+    target.waiting.Push(*pMessage.release());
+  else
+    SendNow(*pMessage, target);
+}
+
+void CBusLink::SendNow(CBusMessage& message, CBusRemoteTarget& target) {
+  if (!IsDead(message)) {
+    const int iResult = SendCall(message, target);
+    if (iResult < 0 && message.call)
+      EndCall(*message.call, BusResultOfErrno(iResult));
+  }
+  Released(Cost(message.uiLength));
+}
+
+int CBusLink::SendCall(CBusMessage& message, CBusRemoteTarget& target) {
+  sd_bus_message* pRaw = nullptr;
+  int iResult = sd_bus_message_new_method_call(Bus(), &pRaw, target.strName.c_str(),
+                                               PathOf(message.uiType).c_str(), kBusInterface, "Send");
+  const TBusMessage wire(pRaw);
+  if (iResult < 0 || (iResult = sd_bus_message_set_auto_start(pRaw, 0)) < 0 ||
+      (iResult = sd_bus_message_append_array(pRaw, 'y', message.Data(), message.uiLength)) < 0)
+    return iResult;
+  if (!message.call) {
+    if ((iResult = sd_bus_message_set_expect_reply(pRaw, 0)) >= 0)
+      iResult = sd_bus_send(Bus(), pRaw, nullptr);
+  } else {
+    CBusCall& call = *message.call;
+    iResult = sd_bus_call_async(Bus(), nullptr, pRaw, &OnReply, &call, kNoTimeout);
+    if (iResult >= 0) {
+      sd_bus_message_get_cookie(pRaw, &call.u64Serial);
+      call.bInFlight = true;
+      call.uiRemoteBytes = message.uiLength;
+      ++target.uCalls;
+      target.uBytes += message.uiLength;
+      m_flights.Add(message.call);
+    }
+  }
+  if (iResult >= 0) {
+    m_figures.u64Sent.fetch_add(1, std::memory_order_relaxed);
+    m_figures.u64SentBytes.fetch_add(message.uiLength, std::memory_order_relaxed);
+  }
+  return iResult;
+}
+
+int CBusLink::SendBroadcast(const CBusMessage& message) {
+  sd_bus_message* pRaw = nullptr;
+  int iResult =
+      sd_bus_message_new_signal(Bus(), &pRaw, PathOf(message.uiType).c_str(), kBusInterface, "Broadcast");
+  const TBusMessage wire(pRaw);
+  if (iResult < 0 || (iResult = sd_bus_message_append_array(pRaw, 'y', message.Data(), message.uiLength)) < 0)
+    return iResult;
+  m_figures.u64Sent.fetch_add(1, std::memory_order_relaxed);
+  m_figures.u64SentBytes.fetch_add(message.uiLength, std::memory_order_relaxed);
+  return sd_bus_send(Bus(), pRaw, nullptr);
+}
+
+void CBusLink::WriteError(sd_bus_message* pCall, uint32_t uiResult) {
+  const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(ErrorOfBusResult(uiResult), TextOfBusResult(uiResult));
+  sd_bus_reply_method_error(pCall, &error);
+}
+
+void CBusLink::WriteReply(CBusRef<CBusCall> call) {
+  Released(call->uiReplyLength);
+  sd_bus_message* pCall = call->pRemoteMessage;
+  if (pCall == nullptr)
+    return;
+  if (call->bRefused) {
+    WriteError(pCall, call->uiStatus);
+  } else {
+    sd_bus_message* pRaw = nullptr;
+    const int iResult = sd_bus_message_new_method_return(pCall, &pRaw);
+    const TBusMessage wire(pRaw);
+    if (iResult < 0 ||
+        sd_bus_message_append(pRaw, "iu", static_cast<int32_t>(call->uiStatus),
+                              static_cast<uint32_t>(call->i64ReplyType)) < 0 ||
+        sd_bus_message_append_array(pRaw, 'y', call->pReply.get(), call->uiReplyLength) < 0 ||
+        sd_bus_send(Bus(), pRaw, nullptr) < 0)
+      WriteError(pCall, kBusErrBusy);
+  }
+  Unhold(*call);
+}
+
+// The sender gave up. The other side is told, so that its baton ends and the daemon's slot for the reply is
+// free again; until then the call counts in the target's window.
+void CBusLink::WriteCancel(CBusCall& call) {
+  DropDead(m_ready);
+  if (call.pRemoteTarget == nullptr)
+    return;
+  if (!call.bInFlight) {
+    DrainTarget(*call.pRemoteTarget);
+    return;
+  }
+  sd_bus_message* pRaw = nullptr;
+  const int iResult = sd_bus_message_new_method_call(Bus(), &pRaw, call.pRemoteTarget->strName.c_str(),
+                                                     PathOf(call.uiType).c_str(), kBusInterface, "Cancel");
+  const TBusMessage wire(pRaw);
+  if (iResult >= 0 && sd_bus_message_append(pRaw, "u", static_cast<uint32_t>(call.u64Serial)) >= 0 &&
+      sd_bus_message_set_auto_start(pRaw, 0) >= 0 && sd_bus_message_set_expect_reply(pRaw, 0) >= 0)
+    sd_bus_send(Bus(), pRaw, nullptr);
+}
+
+void CBusLink::DropDead(CBusQueue& queue) {
+  size_t uReleased = 0;
+  while (queue.Head() != nullptr && IsDead(*queue.Head())) {
+    const std::unique_ptr<CBusMessage> pMessage(static_cast<CBusMessage*>(queue.Pop()));
+    uReleased += Cost(pMessage->uiLength);
+  }
+  if (uReleased != 0)
+    Released(uReleased);
+}
+
+void CBusLink::DrainTarget(CBusRemoteTarget& target) {
+  for (;;) {
+    DropDead(target.waiting);
+    auto* pHead = static_cast<CBusMessage*>(target.waiting.Head());
+    if (pHead == nullptr || (pHead->call && WindowIsFull(target, pHead->uiLength)))
+      return;
+    target.waiting.Pop();
+    const std::unique_ptr<CBusMessage> pMessage(pHead);
+    SendNow(*pMessage, target);
+  }
+}
+
+void CBusLink::EndCall(CBusCall& call, uint32_t uiResult) {
+  call.pSender->Refuse(call, uiResult);
+}
+
+int CBusLink::OnReply(sd_bus_message* pMessage, void* pCall, sd_bus_error*) {
+  auto& call = *static_cast<CBusCall*>(pCall);
+  auto& self = *static_cast<CBusLink*>(call.pTarget.get());
+  try {
+    self.Answered(call, pMessage);
+  } catch (const std::exception&) {
+    self.EndCall(call, kBusErrBusy);
+  }
+  return 1;
+}
+
+void CBusLink::Answered(CBusCall& call, sd_bus_message* pMessage) {
+  if (!call.bInFlight)
+    return;
+  const CBusRef<CBusCall> owned = m_flights.Remove(call);
+  call.bInFlight = false;
+  CBusRemoteTarget& target = *call.pRemoteTarget;
+  --target.uCalls;
+  target.uBytes -= call.uiRemoteBytes;
+
+  int32_t iStatus = 0;
+  uint32_t uiType = 0;
+  const void* pData = nullptr;
+  size_t uLength = 0;
+  if (const sd_bus_error* pError = sd_bus_message_get_error(pMessage)) {
+    EndCall(call, BusResultOfError(pError->name));
+  } else if (sd_bus_message_has_signature(pMessage, "iuay") <= 0 ||
+             sd_bus_message_read(pMessage, "iu", &iStatus, &uiType) <= 0 ||
+             sd_bus_message_read_array(pMessage, 'y', &pData, &uLength) < 0 || uLength > kBusMaxBytes) {
+    EndCall(call, kBusErrInvalid);
+  } else if (const auto uiLength = static_cast<uint32_t>(uLength);
+             !call.pSender->ReserveReplyBytes(uiLength)) {
+    EndCall(call, kBusErrBusy);
+  } else {
+    TBusBytes bytes;
+    try {
+      bytes = CopyBytes(pData, uiLength);
+    } catch (const std::bad_alloc&) {
+      call.pSender->ReleaseReplyBytes(uiLength);
+      throw;
+    }
+    if (!call.pSender->Complete(call, static_cast<uint32_t>(iStatus), static_cast<long>(uiType),
+                                std::move(bytes), uiLength))
+      call.pSender->ReleaseReplyBytes(uiLength);
+  }
+  DrainTarget(target);
+}

@@ -1,0 +1,102 @@
+// One connection to the D-Bus daemon: opens it, keeps it open with a growing pause between attempts, knows
+// who owns which component name, and asks for a name of its own.
+//
+// Threads: everything on the bus's I/O thread, except where said. sd-bus objects never leave that thread.
+// Owned by the carrier.
+#pragma once
+
+#include <systemd/sd-bus.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+
+#include "platform/bus/BusOwners.h"
+#include "platform/os/ZxCritSec.h"
+
+class CBusCarrier;
+
+struct CBusMessageUnref {
+  void operator()(sd_bus_message* p) const { sd_bus_message_unref(p); }
+};
+using TBusMessage = std::unique_ptr<sd_bus_message, CBusMessageUnref>;
+
+class CBusWire : public std::enable_shared_from_this<CBusWire> {
+ public:
+  static constexpr uint64_t kNever = UINT64_MAX;
+
+  // strOwnName may be empty: then none is asked for.
+  CBusWire(CBusCarrier& carrier, std::string strAddress, std::string strOwnName);
+  virtual ~CBusWire();
+  CBusWire(const CBusWire&) = delete;
+  CBusWire& operator=(const CBusWire&) = delete;
+
+  // Reads, writes and dispatches what is due, without blocking.
+  void Turn(uint64_t u64NowNs) TS_EXCLUDES(m_cs);
+  // When Turn wants to be called at the latest.
+  uint64_t NextNs();
+  // Over for good; the carrier lets go of it.
+  bool HasEnded() const { return m_bEnded; }
+  // Any thread: ends the connection at its next turn.
+  void Stop();
+
+  // Any thread: whether the far side is known to own the GUID.
+  bool HasPeer(const GUID& guid) TS_EXCLUDES(m_cs);
+  std::vector<std::pair<GUID, std::string>> Peers() TS_EXCLUDES(m_cs);
+
+ protected:
+  // Hooks of the kind of connection. OnReady: the names are known and the own one is granted.
+  virtual int OnOpened() { return 0; }
+  virtual void OnReady() {}
+  virtual void OnRefused(uint32_t /*uiResult*/) {}
+  virtual void OnLost(const char* /*pszReason*/) {}
+  virtual void OnOwnerNew(const char* /*pszOwner*/) {}
+  virtual void OnOwnerGone(const char* /*pszOwner*/) {}
+  virtual void Work(uint64_t /*u64NowNs*/) {}
+  virtual uint64_t WorkDueNs() { return kNever; }
+
+  sd_bus* Bus() const { return m_pBus; }
+  bool IsReady() const { return m_bReady; }
+  // Whether a further message would go straight to the socket.
+  bool CanWrite() const;
+  // The message is complete: sends it. Takes its reply slot with pfnReply, if given.
+  int Call(const char* pszDestination, const char* pszPath, const char* pszInterface, const char* pszMember,
+           sd_bus_message_handler_t pfnReply, uint64_t* pu64Serial, const char* pszText);
+  static int OnMatchAdded(sd_bus_message* pMessage, void* pSelf,
+                          sd_bus_error* pError);       // userdata: CBusWire*
+  void Shut(const char* pszReason) TS_EXCLUDES(m_cs);  // closes; another attempt follows
+  void End(const char* pszReason);                     // closes for good
+  void ReleaseName(sd_bus_message_handler_t pfnReleased);
+
+  CBusCarrier& m_carrier;
+  CCritSec m_cs;
+  CBusOwners m_owners TS_GUARDED_BY(m_cs);
+
+ private:
+  void Open(uint64_t u64NowNs);
+  int Begin();
+  void Watch();
+  void Fail(const char* pszReason);
+  void AskName();
+  void SetOwner(const GUID& guid, const char* pszOwner) TS_EXCLUDES(m_cs);
+  static int OnOwnerChanged(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
+  static int OnNames(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
+  static int OnOwner(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
+  static int OnNameAnswer(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
+
+  const std::string m_strAddress;
+  const std::string m_strOwnName;
+  sd_bus* m_pBus = nullptr;
+  int m_iFd = -1;
+  uint32_t m_uiEvents = 0;
+  bool m_bReady = false;
+  bool m_bEnded = false;
+  std::atomic<bool> m_bStop{false};
+  std::string m_strFailure;  // a handler's reason to close; acted upon when sd-bus has returned
+  std::map<uint64_t, GUID> m_asked;
+  uint64_t m_u64RetryNs = 0;
+  uint64_t m_u64PauseNs = 0;
+  uint64_t m_u64SetupDueNs = kNever;
+};
