@@ -35,7 +35,7 @@ void BlockHostSignals() {
 }
 
 CHost::CHost(const _HostConfig& config, const CPString& strHome)
-    : m_config(config), m_driver(config, strHome) {}
+    : m_config(config), m_bus(config, strHome), m_driver(config, strHome) {}
 
 CHost::~CHost() {
   if (m_iSignalFd >= 0)
@@ -49,6 +49,8 @@ int CHost::Run() {
     LogErrorTo(g_hHostLog, "**zxhost cannot start error[%d]", errno);
     return kExitNoPlugin;
   }
+  if (!m_bus.Start())
+    LogErrorTo(g_hHostLog, "**zxhost bus cannot start, components run in this process only error[%d]", errno);
   m_uiAliveMs = AliveIntervalMs();
   pollfd fds[2] = {{m_iSignalFd, POLLIN, 0}, {m_driver.EventFd(), POLLIN, 0}};
   while (m_ePhase != CPluginDriver::EPhase::Stopped) {
@@ -59,6 +61,7 @@ int CHost::Run() {
       OnDriver();
     OnTimer();
   }
+  m_bus.Stop();
   if (m_driver.Started() != 0)
     return kExitOk;
   if (m_bStopping)

@@ -4,6 +4,7 @@
 
 #include <cstdint>
 
+#include "BusService.h"
 #include "HostConfig.h"
 #include "PluginDriver.h"
 
@@ -38,6 +39,7 @@ class CHost {
   int PollTimeoutMs() const;
 
   const _HostConfig m_config;
+  CBusService m_bus;  // outlives the plug-ins
   CPluginDriver m_driver;
   int m_iSignalFd = -1;
   CPluginDriver::EPhase m_ePhase = CPluginDriver::EPhase::Starting;

@@ -3,6 +3,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "ComponentManifest.h"
 #include "platform/doc/PJsonParse.h"
 #include "platform/text/PStrList.h"
 
@@ -57,6 +58,47 @@ CPString ReadEntry(const CPJsonParse& json, HJsonNode hEntry, const CPString& st
   return "";
 }
 
+// An absolute path, or one below the home.
+CPString PlaceOf(const CPString& strPath, const CPString& strHome) {
+  return strPath.c_str()[0] == '/' ? strPath : strHome + strPath;
+}
+
+bool IsPlainText(const CPString& str) {
+  for (const char ch : str.Str()) {
+    if (ch < ' ' || ch > '~')
+      return false;
+  }
+  return true;
+}
+
+void ReadBus(const CPJsonParse& json, const CPString& strHome, _HostConfig& config) {
+  _BusConfig& bus = config.bus;
+  bus.strRunDir = strHome + "run/";
+  const HJsonNode hBus = json.GetNode("bus");
+  if (hBus == nullptr)
+    return;
+  bus.bEnabled = IntOf(json, hBus, "enabled", 1) != 0;
+  const auto text = [&](const char* pszName, auto&& usable) {
+    const CPString strValue = TextOf(json, hBus, pszName);
+    const bool bUsable = IsPlainText(strValue) && usable(strValue);
+    if (!strValue.IsEmpty() && !bUsable)
+      config.warnings.push_back(CPString::Make("bus.%s is not usable, default taken", pszName));
+    return bUsable ? strValue : CPString();
+  };
+  const auto isPath = [](const CPString& str) { return str.c_str()[0] == '/' || !LeavesHome(str); };
+  bus.strAddress = text("address", [](const CPString& str) { return str.Find("unix:") == 0; });
+  const CPString strRunDir = text("run_dir", isPath);
+  if (!strRunDir.IsEmpty())
+    bus.strRunDir = PlaceOf(strRunDir, strHome);
+  if (bus.strRunDir.Right(1) != "/")
+    bus.strRunDir += '/';
+  const CPString strDaemon = text("daemon", [](const CPString& str) { return str.c_str()[0] == '/'; });
+  if (!strDaemon.IsEmpty())
+    bus.strDaemon = strDaemon;
+  if (json.GetNode(hBus, "user") != nullptr)
+    bus.strUser = text("user", [](const CPString& str) { return IsUserName(str.View()); });
+}
+
 }  // namespace
 
 bool LoadHostConfig(const CPString& strFile, const CPString& strHome, _HostConfig& config,
@@ -83,6 +125,7 @@ bool LoadHostConfig(const CPString& strFile, const CPString& strHome, _HostConfi
   else
     config.iLogLevel = iLevel;
 
+  ReadBus(json, strHome, config);
   for (const HJsonNode hEntry : entries) {
     if (IntOf(json, hEntry, "enabled", 1) == 0)
       continue;

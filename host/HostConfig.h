@@ -16,10 +16,20 @@ struct _PluginEntry {
   uint32_t uiDispatchers = 0;  // 0: the bus's default
 };
 
+// The bus that spans processes.
+struct _BusConfig {
+  bool bEnabled = true;
+  CPString strAddress;  // not empty: this D-Bus address is used and no daemon started
+  CPString strRunDir;   // absolute, ends in "/": the socket "bus" and the policy "bus.conf"
+  CPString strDaemon = "/usr/bin/dbus-daemon";  // absolute
+  CPString strUser = "zxbus";  // a host that is root runs the daemon as this user when it exists
+};
+
 struct _HostConfig {
   std::vector<_PluginEntry> plugins;  // enabled ones, in order
   uint32_t uiStopTimeoutSec = kMaxStopTimeoutSec;
-  int iLogLevel = 0;               // 0: not set
+  int iLogLevel = 0;  // 0: not set
+  _BusConfig bus;
   std::vector<CPString> warnings;  // entries that were left out, and why
 };
 

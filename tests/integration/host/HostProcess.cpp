@@ -43,6 +43,8 @@ void CHostProcess::WriteConfig() {
   std::string strText = "{";
   if (m_iStopTimeoutSec != 0)
     strText += "\"stop_timeout_sec\":" + std::to_string(m_iStopTimeoutSec) + ",";
+  if (!m_strBus.empty())
+    strText += "\"bus\":" + m_strBus + ",";
   strText += "\"plugins\":[";
   for (size_t i = 0; i < m_entries.size(); ++i)
     strText += (i == 0 ? "" : ",") + m_entries[i];
@@ -73,6 +75,12 @@ void CHostProcess::Start(std::vector<std::string> arguments) {
                                    O_WRONLY | O_CREAT | O_APPEND, 0644);
   ASSERT_EQ(posix_spawn(&m_iPid, ZX_HOST_PROGRAM, &actions, nullptr, argv.data(), envp.data()), 0);
   posix_spawn_file_actions_destroy(&actions);
+}
+
+void CHostProcess::Restart() {
+  ASSERT_FALSE(IsRunning());
+  m_iExit = -1;
+  Start();
 }
 
 bool CHostProcess::WaitRunning() {

@@ -20,11 +20,14 @@ class CHostProcess {
   void AddPlugin(const std::string& strName, const std::string& strBehaviour);
   void AddEntry(const std::string& strJson) { m_entries.push_back(strJson); }
   void SetStopTimeout(int iSeconds) { m_iStopTimeoutSec = iSeconds; }
+  void SetBus(const std::string& strJson) { m_strBus = strJson; }  // the member "bus"
   void SetEnvironment(const std::string& strPair) { m_environment.push_back(strPair); }
 
   void WriteConfig();
   // Writes the configuration and starts the program; the home is given by --home.
   void Start(std::vector<std::string> arguments = {});
+  // Once more on the same home, after the process has ended.
+  void Restart();
   bool WaitRunning();  // until the host has said so in its log
   void Signal(int iSignal) const;
   int WaitExit();  // exit code, or 1000 + signal; -1 when it did not end in time
@@ -40,6 +43,7 @@ class CHostProcess {
   CTempHome m_home;
   std::vector<std::string> m_entries;
   std::vector<std::string> m_environment;
+  std::string m_strBus;
   int m_iStopTimeoutSec = 0;
   pid_t m_iPid = -1;
   int m_iExit = -1;

@@ -114,4 +114,35 @@ TEST(HostDefaults, InstalledConfiguration_IsUsable) {
   EXPECT_TRUE(bAgent);
 }
 
+TEST_F(HostConfig, Bus_HasDefaults) {
+  ASSERT_TRUE(Load(R"({"plugins":[]})"));
+  EXPECT_TRUE(m_config.bus.bEnabled);
+  EXPECT_EQ(m_config.bus.strAddress, "");
+  EXPECT_EQ(m_config.bus.strRunDir, m_home.Root() + "run/");
+  EXPECT_EQ(m_config.bus.strDaemon, "/usr/bin/dbus-daemon");
+  EXPECT_EQ(m_config.bus.strUser, "zxbus");
+}
+
+TEST_F(HostConfig, Bus_IsTakenAsWritten) {
+  ASSERT_TRUE(Load(R"({"plugins":[],"bus":{"enabled":false,"address":"unix:path=/x","run_dir":"/run/zx",
+      "daemon":"/opt/d","user":""}})"));
+  EXPECT_FALSE(m_config.bus.bEnabled);
+  EXPECT_EQ(m_config.bus.strAddress, "unix:path=/x");
+  EXPECT_EQ(m_config.bus.strRunDir, "/run/zx/");
+  EXPECT_EQ(m_config.bus.strDaemon, "/opt/d");
+  EXPECT_EQ(m_config.bus.strUser, "");
+  EXPECT_TRUE(m_config.warnings.empty());
+  ASSERT_TRUE(Load(R"({"plugins":[],"bus":{"run_dir":"var/bus"}})"));
+  EXPECT_EQ(m_config.bus.strRunDir, m_home.Root() + "var/bus/");
+}
+
+TEST_F(HostConfig, Bus_WhatIsNotUsable_IsWarnedAbout) {
+  ASSERT_TRUE(
+      Load(R"({"plugins":[],"bus":{"address":"tcp:host=x","run_dir":"../x","daemon":"d","user":"A b"}})"));
+  EXPECT_EQ(m_config.bus.strAddress, "");
+  EXPECT_EQ(m_config.bus.strRunDir, m_home.Root() + "run/");
+  EXPECT_EQ(m_config.bus.strDaemon, "/usr/bin/dbus-daemon");
+  EXPECT_EQ(m_config.warnings.size(), 4u);
+}
+
 }  // namespace
