@@ -16,10 +16,11 @@ CBackoff::CBackoff(uint32_t dwBase, uint32_t dwCap, IRandom& random)
       m_dwCap(std::min(dwCap, std::numeric_limits<uint32_t>::max() - 1)),
       m_random(random) {}
 
-uint32_t CBackoff::Next() {
+uint32_t CBackoff::Next(uint32_t dwLeast) {
   const uint64_t u64Window = static_cast<uint64_t>(m_dwBase) << std::min(m_uFailures, 31u);
   m_uFailures += m_uFailures < 31 ? 1 : 0;
-  return m_random.Below(static_cast<uint32_t>(std::min<uint64_t>(u64Window, m_dwCap)) + 1);
+  const uint32_t dwWindow = std::max(static_cast<uint32_t>(std::min<uint64_t>(u64Window, m_dwCap)), dwLeast);
+  return m_random.Below(dwWindow + 1);
 }
 
 uint32_t CBackoff::NextAtCap() {

@@ -12,8 +12,9 @@ class CBackoff {
  public:
   CBackoff(uint32_t dwBase, uint32_t dwCap, IRandom& random);
 
-  // The delay before the next attempt; each call widens the window of the one after it.
-  uint32_t Next();
+  // The delay before the next attempt; each call widens the window of the one after it. The window is at
+  // least dwLeast, also where that is above the cap.
+  uint32_t Next(uint32_t dwLeast = 0);
   // For refusals that time alone does not heal: in the upper half of the widest window, and stays there.
   uint32_t NextAtCap();
   void Reset() { m_uFailures = 0; }

@@ -5,6 +5,14 @@
 
 namespace zxcloud {
 
+namespace {
+
+constexpr uint32_t kPatientMs = 30000;  // no time-out grows beyond this
+constexpr uint32_t kMostDoublings = 8;
+constexpr uint32_t kQuickRetries = 1;  // rounds after the first that keep its time-outs
+
+}  // namespace
+
 CLinkMachine::CLinkMachine(const _LinkTimes& times, IClock& clock, IRandom& random, ILinkActions& actions)
     : m_times(times),
       m_clock(clock),
@@ -42,7 +50,13 @@ void CLinkMachine::OnStage(ELinkStage eStage) {
   const uint32_t dwMs = eStage == ELinkStage::Dial      ? m_times.dwDial
                         : eStage == ELinkStage::Connack ? m_times.dwConnack
                                                         : m_times.dwReady;
-  m_u64Deadline = m_clock.NowMs() + dwMs;
+  m_u64Deadline = m_clock.NowMs() + Patience(dwMs);
+}
+
+uint32_t CLinkMachine::Patience(uint32_t dwMs) const {
+  const uint32_t uDoublings =
+      m_uRounds <= kQuickRetries ? 0 : std::min(m_uRounds - kQuickRetries, kMostDoublings);
+  return std::max(dwMs, std::min(dwMs << uDoublings, kPatientMs));
 }
 
 void CLinkMachine::OnReady() {
@@ -75,6 +89,8 @@ void CLinkMachine::Begin() {
   if (m_list.empty()) {
     m_eState = ELinkState::Off;
     m_u64Deadline = 0;
+    m_uRounds = 0;
+    m_bLost = false;
     return;
   }
   DialCurrent();
@@ -120,7 +136,12 @@ void CLinkMachine::NextAddress() {
   if (m_uLeftInRound > 0)
     DialCurrent();
   else
-    Wait(m_backoff.Next());
+    EndRound();
+}
+
+void CLinkMachine::EndRound() {
+  ++m_uRounds;
+  Wait(m_backoff.Next(m_bLost ? m_dwSpreadMs : 0));
 }
 
 void CLinkMachine::TimedOut() {
@@ -141,10 +162,13 @@ void CLinkMachine::ComeUp() {
   m_eState = ELinkState::Up;
   m_u64Deadline = 0;
   m_u64UpSince = m_clock.NowMs();
+  m_uRounds = 0;
+  m_bLost = false;
   m_actions.LinkUp(m_current);
 }
 
 void CLinkMachine::Lose() {
+  m_bLost = true;
   const bool bStable = m_clock.NowMs() - m_u64UpSince >= m_times.dwStable;
   if (bStable)
     m_backoff.Reset();

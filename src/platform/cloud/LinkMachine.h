@@ -5,6 +5,10 @@
 //   Connecting --refused--> Waiting (cap of the back-off: time alone does not heal it)
 //   Up --lost--> Waiting (anywhere within the spread that the cloud names) --due--> Connecting
 //
+// Until a lost connection is made again, no delay comes from a window narrower than the spread: a fleet whose
+// first attempts fail would gather in the small windows and return in one moment. From the third round on the
+// time-outs double: a crowded server that works for a client which has left helps nobody.
+//
 // Pure: no thread, no socket; the owner performs the actions and brings events and time. One thread.
 #pragma once
 
@@ -63,11 +67,13 @@ class CLinkMachine {
   void Restart();
   void Readdress();
   void NextAddress();
+  void EndRound();
   void TimedOut();
   void RefusedNow();
   void ComeUp();
   void Lose();
 
+  uint32_t Patience(uint32_t dwMs) const;
   void DialCurrent();
   void NoteReason();
   void Wait(uint32_t dwDelayMs);
@@ -86,6 +92,8 @@ class CLinkMachine {
   std::vector<_CloudAddress> m_list;
   size_t m_uNext = 0;  // index of the address to dial next
   size_t m_uLeftInRound = 0;
+  uint32_t m_uRounds = 0;  // that failed since the last connection
+  bool m_bLost = false;    // there was a connection, and none since
   _CloudAddress m_current;
   std::string m_strReason;
   std::string m_strRound;

@@ -111,6 +111,42 @@ TEST_F(CLinkMachineTest, Lost_WaitsWithinTheSpread_AndGoesOnWithTheNextAddress) 
   EXPECT_THAT(Seen(), ElementsAre("dial b:2"));
 }
 
+TEST_F(CLinkMachineTest, Lost_KeepsTheSpread_UntilThereIsAConnectionAgain) {
+  m_machine.SetAddresses(List("a:1"), 60);
+  m_machine.OnFailed("x");  // never connected: the window is the back-off's
+  EXPECT_EQ(Seen().back(), "waits 1000 a:1: x");
+  Expire();
+  m_machine.OnReady();
+  m_clock.Advance(m_times.dwStable);
+  m_machine.OnFailed("closed");
+  std::vector<std::string> waits;
+  for (int i = 0; i < 8; ++i) {
+    Expire();
+    m_machine.OnFailed("x");
+    waits.push_back(Seen().back());
+  }
+  EXPECT_THAT(waits, ElementsAre("waits 60000 a:1: x", "waits 60000 a:1: x", "waits 60000 a:1: x",
+                                 "waits 60000 a:1: x", "waits 60000 a:1: x", "waits 60000 a:1: x",
+                                 "waits 64000 a:1: x", "waits 128000 a:1: x"));
+}
+
+TEST_F(CLinkMachineTest, Crowded_WaitsLongerWithEachRound) {
+  m_machine.SetAddresses(List("a:1"), 60);
+  std::vector<uint64_t> patience;
+  for (int i = 0; i < 7; ++i) {
+    m_machine.OnStage(ELinkStage::Connack);
+    patience.push_back(m_machine.Deadline() - m_clock.NowMs());
+    Expire();  // the time-out
+    Expire();  // the wait
+  }
+  EXPECT_THAT(patience, ElementsAre(2000, 2000, 4000, 8000, 16000, 30000, 30000));
+  m_machine.OnReady();
+  m_machine.OnFailed("closed");
+  Expire();
+  m_machine.OnStage(ELinkStage::Connack);
+  EXPECT_EQ(m_machine.Deadline() - m_clock.NowMs(), m_times.dwConnack);
+}
+
 TEST_F(CLinkMachineTest, Lost_AtOnceAgainAndAgain_BacksOffAllTheSame) {
   m_machine.SetAddresses(List("a:1"), 0);
   std::vector<std::string> waits;
