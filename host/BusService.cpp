@@ -15,6 +15,7 @@
 #include "BusPolicy.h"
 #include "HostLog.h"
 #include "SystemUser.h"
+#include "platform/bus/zxbus.h"
 #include "platform/os/ZxFile.h"
 #include "platform/os/ZxThread.h"
 #include "platform/os/ZxTime.h"
@@ -29,7 +30,8 @@ constexpr uint32_t kReloadTimeoutMs = 3000;
 constexpr uint32_t kReloadRetryMs = 2000;
 constexpr uint32_t kSettleMs = 200;      // an installation is several changes
 constexpr uint32_t kMaxSettleMs = 2000;  // but they may not put it off for ever
-constexpr uint32_t kRescanMs = 10000;    // without a complete watch
+constexpr uint32_t kJoinTimeoutMs = 2000;
+constexpr uint32_t kRescanMs = 10000;  // without a complete watch
 
 std::set<GUID> InProcessGuids(const _HostConfig& config) {
   std::set<GUID> guids;
@@ -168,6 +170,8 @@ void CBusService::Run() {
       m_u64ReadAtMs = std::min(u64NowMs + kSettleMs, m_u64ReadByMs);
     }
   }
+  if (m_bJoined)
+    ZxBusDisconnect();
   if (m_pDaemon != nullptr) {
     m_pDaemon->Stop(kDaemonGraceMs);
     OnDaemonOutput(ZxGetTickCount());
@@ -200,6 +204,8 @@ void CBusService::Step(uint64_t u64NowMs) {
     StartDaemon(u64NowMs);
   if (m_u64ReloadAtMs != 0 && u64NowMs >= m_u64ReloadAtMs)
     UpdatePolicy(u64NowMs);
+  if (!m_bJoined && (!OwnsDaemon() || (m_pDaemon != nullptr && m_pDaemon->IsRunning())))
+    Join();
 }
 
 bool CBusService::PrepareDaemon(CPString& strError) {
@@ -336,4 +342,23 @@ void CBusService::UpdatePolicy(uint64_t u64NowMs) {
               static_cast<uint32_t>(m_strPolicy.GetLength()),
               static_cast<uint32_t>(m_pComponents->entries.size()));
   SetTrouble("");
+}
+
+void CBusService::Join() {
+  m_bJoined = true;
+  ZxBusConnectSettings settings;
+  settings.pszAddress = m_strAddress.c_str();
+  settings.uiTimeoutMs = kJoinTimeoutMs;
+  settings.pfnState = &CBusService::OnBusState;
+  const uint32_t uiResult = ZxBusConnect(&settings);
+  if (uiResult != 0)
+    LogWarnTo(g_hHostLog, "*zxhost bus not joined yet uiResult[%x] address[%s]", uiResult, m_strAddress);
+}
+
+void CBusService::OnBusState(uint32_t uiState, const char* pszText, void*) {
+  const char* psz = pszText != nullptr ? pszText : "";
+  if (uiState == kBusStateConnected)
+    LogInfoTo(g_hHostLog, "zxhost bus joined: %s", psz);
+  else
+    LogWarnTo(g_hHostLog, "*zxhost bus state[%u]: %s", uiState, psz);
 }

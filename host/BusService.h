@@ -54,9 +54,11 @@ class CBusService {
   void LogManifestChanges(const _ComponentList& list);
   void UpdatePolicy(uint64_t u64NowMs);
   bool WritePolicy(CPString& strError);
+  void Join();
   void SetTrouble(const CPString& strText) TS_EXCLUDES(m_cs);
   void Publish() TS_EXCLUDES(m_cs);
   int WaitMs(uint64_t u64NowMs) const;
+  static void OnBusState(uint32_t uiState, const char* pszText, void* pContext);
   bool OwnsDaemon() const { return m_config.bus.strAddress.IsEmpty(); }
 
   const _HostConfig m_config;
@@ -75,6 +77,7 @@ class CBusService {
   CPString m_strWrittenPolicy;  // as the file has it
   bool m_bReloadDue = false;    // the running daemon has not read the file yet
   bool m_bUserMissing = false;  // said that the daemon runs as the host
+  bool m_bJoined = false;
   uint64_t m_u64StartAtMs = 0;  // next attempt to start the daemon
   uint32_t m_uiBackoffMs = 0;
   uint64_t m_u64StartedMs = 0;

@@ -35,7 +35,10 @@ void BlockHostSignals() {
 }
 
 CHost::CHost(const _HostConfig& config, const CPString& strHome)
-    : m_config(config), m_bus(config, strHome), m_driver(config, strHome) {}
+    : m_config(config),
+      m_bus(config, strHome),
+      m_driver(config, strHome),
+      m_methods(m_bus, m_driver, strHome) {}
 
 CHost::~CHost() {
   if (m_iSignalFd >= 0)
@@ -49,6 +52,7 @@ int CHost::Run() {
     LogErrorTo(g_hHostLog, "**zxhost cannot start error[%d]", errno);
     return kExitNoPlugin;
   }
+  ZxBusServeHost(&CHostMethods::Serve, &m_methods);
   if (!m_bus.Start())
     LogErrorTo(g_hHostLog, "**zxhost bus cannot start, components run in this process only error[%d]", errno);
   m_uiAliveMs = AliveIntervalMs();
@@ -61,6 +65,7 @@ int CHost::Run() {
       OnDriver();
     OnTimer();
   }
+  ZxBusServeHost(nullptr, nullptr);
   m_bus.Stop();
   if (m_driver.Started() != 0)
     return kExitOk;

@@ -6,6 +6,7 @@
 
 #include "BusService.h"
 #include "HostConfig.h"
+#include "HostMethods.h"
 #include "PluginDriver.h"
 
 // Exit codes of zxhost.
@@ -41,6 +42,7 @@ class CHost {
   const _HostConfig m_config;
   CBusService m_bus;  // outlives the plug-ins
   CPluginDriver m_driver;
+  CHostMethods m_methods;
   int m_iSignalFd = -1;
   CPluginDriver::EPhase m_ePhase = CPluginDriver::EPhase::Starting;
   bool m_bStopping = false;

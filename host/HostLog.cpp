@@ -3,23 +3,11 @@
 #include <signal.h>
 #include <unistd.h>
 
-#include <cstdio>
-#include <cstring>
-
 HLog g_hHostLog = nullptr;
 
 namespace {
 
 constexpr unsigned kFlushSeconds = 2;
-
-class CEcho final : public ILogSink {
- public:
-  void OnLine(const char* pszChannel, int, const char* pszText) override {
-    if (std::strcmp(pszChannel, "zxhost") == 0)
-      std::fprintf(stderr, "%s\n", pszText);
-  }
-};
-CEcho g_echo;
 
 }  // namespace
 
@@ -27,8 +15,13 @@ void OpenHostLog(const CPString& strHome, bool bEcho) {
   LogSetHome(strHome);
   g_hHostLog = LogInit("zxhost");
   CLogDebug::Instance().SetChannel(g_hHostLog);
-  if (bEcho)
-    LogSetSink(&g_echo);
+  RecentLines().SetEcho(bEcho);
+  LogSetSink(&RecentLines());
+}
+
+CRecentLines& RecentLines() {
+  static auto* s_pLines = new CRecentLines;  // never deleted: threads may log until the process is gone
+  return *s_pLines;
 }
 
 void ArmAlarm(unsigned uSeconds) {

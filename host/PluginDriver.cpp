@@ -9,15 +9,26 @@
 
 #include "HostLog.h"
 #include "platform/os/ZxThread.h"
+#include "platform/os/ZxWait.h"
 
 CPluginDriver::CPluginDriver(const _HostConfig& config, CPString strHome)
-    : m_config(config), m_strHome(std::move(strHome)) {}
+    : m_config(config), m_strHome(std::move(strHome)) {
+  ZxInitCond(m_condAnswered);
+  for (const _PluginEntry& entry : m_config.plugins) {
+    _PluginState state;
+    state.strName = entry.strName;
+    state.strPath = entry.strPath;
+    state.strGuid = entry.strGuid;
+    m_states.push_back(state);
+  }
+}
 
 CPluginDriver::~CPluginDriver() {
   if (m_thread.joinable())
     m_thread.join();
   if (m_iEventFd >= 0)
     close(m_iEventFd);
+  pthread_cond_destroy(&m_condAnswered);
 }
 
 bool CPluginDriver::Start() {
@@ -83,6 +94,25 @@ void CPluginDriver::RequestTick() {
   pthread_cond_signal(&m_cond);
 }
 
+void CPluginDriver::SetState(size_t uIndex, const char* pszState, int iStatus) {
+  CCritLock lock(m_cs);
+  m_states[uIndex].pszState = pszState;
+  m_states[uIndex].iStatus = iStatus;
+}
+
+std::vector<_PluginState> CPluginDriver::States(uint32_t uiWaitMs, bool& bAnswered) {
+  const timespec tsDeadline = ZxDeadline(uiWaitMs);
+  CCritLock lock(m_cs);
+  const uint32_t uiBefore = m_uiAnswered;
+  m_bTick = true;
+  pthread_cond_signal(&m_cond);
+  while (m_uiAnswered == uiBefore &&
+         pthread_cond_timedwait(&m_condAnswered, m_cs.Native(), &tsDeadline) != ETIMEDOUT) {
+  }
+  bAnswered = m_uiAnswered != uiBefore;
+  return m_states;
+}
+
 void CPluginDriver::Run() {
   ZxSetThreadName("zxhost.plugins");
   StartAll();
@@ -95,15 +125,18 @@ void CPluginDriver::Run() {
 }
 
 void CPluginDriver::StartAll() {
-  for (const _PluginEntry& entry : m_config.plugins) {
+  for (size_t i = 0; i < m_config.plugins.size(); ++i) {
+    const _PluginEntry& entry = m_config.plugins[i];
     if (IsStopRequested())
       return;
     auto pPlugin = std::make_unique<CPlugin>(entry, m_strHome, m_note);
     if (!pPlugin->Load() || !pPlugin->Start()) {
       LogWarnTo(g_hHostLog, "*zxhost plugin[%s] left out, the others go on", entry.strName);
+      SetState(i, "failed", 0);
       continue;
     }
-    m_plugins.push_back(std::move(pPlugin));
+    SetState(i, "running", 0);
+    m_plugins.push_back({i, std::move(pPlugin)});
     CCritLock lock(m_cs);
     ++m_uStarted;
   }
@@ -119,11 +152,12 @@ void CPluginDriver::WaitForStop() {
         return;
       m_bTick = false;
     }
-    for (const auto& pPlugin : m_plugins)
-      pPlugin->Status();
+    for (const auto& [uIndex, pPlugin] : m_plugins)
+      SetState(uIndex, "running", pPlugin->Status());
     {
       CCritLock lock(m_cs);
       ++m_uiAnswered;
+      pthread_cond_broadcast(&m_condAnswered);
     }
     Notify();
   }
@@ -131,10 +165,12 @@ void CPluginDriver::WaitForStop() {
 
 void CPluginDriver::StopAll() {
   // All are stopped before the first is unloaded: until then they may still talk to each other.
-  for (auto it = m_plugins.rbegin(); it != m_plugins.rend(); ++it)
-    (*it)->Stop();
+  for (auto it = m_plugins.rbegin(); it != m_plugins.rend(); ++it) {
+    it->second->Stop();
+    SetState(it->first, "stopped", 0);
+  }
   while (!m_plugins.empty()) {
-    m_plugins.back()->Unload();
+    m_plugins.back().second->Unload();
     m_plugins.pop_back();
   }
 }

@@ -7,10 +7,20 @@
 
 #include <memory>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "HostConfig.h"
 #include "Plugin.h"
+
+// What people are told about one plug-in.
+struct _PluginState {
+  CPString strName;
+  CPString strPath;
+  CPString strGuid;
+  const char* pszState = "waiting";  // "waiting", "running", "failed", "stopped"
+  int iStatus = 0;                   // its own word (pfnGetStatus), as of the last question
+};
 
 class CPluginDriver {
  public:
@@ -33,12 +43,16 @@ class CPluginDriver {
   // Asks every plug-in for its status. Answered() counts the answers; none comes while a call hangs.
   void RequestTick() TS_EXCLUDES(m_cs);
   uint32_t Answered() TS_EXCLUDES(m_cs);
+  // The plug-ins of the configuration, in order, after asking them again; from any thread. bAnswered false: a
+  // call into one of them takes longer than that, and the states are older.
+  std::vector<_PluginState> States(uint32_t uiWaitMs, bool& bAnswered) TS_EXCLUDES(m_cs);
 
  private:
   void Run();
   void StartAll();
   void WaitForStop();
   void StopAll();
+  void SetState(size_t uIndex, const char* pszState, int iStatus) TS_EXCLUDES(m_cs);
   void SetPhase(EPhase ePhase) TS_EXCLUDES(m_cs);
   bool IsStopRequested() TS_EXCLUDES(m_cs);
   void Notify();
@@ -46,7 +60,8 @@ class CPluginDriver {
   const _HostConfig m_config;
   const CPString m_strHome;
   CStepNote m_note;
-  std::vector<std::unique_ptr<CPlugin>> m_plugins;  // the driver's thread only
+  // The driver's thread only; with the place in the configuration.
+  std::vector<std::pair<size_t, std::unique_ptr<CPlugin>>> m_plugins;
   std::thread m_thread;
   int m_iEventFd = -1;
 
@@ -57,4 +72,6 @@ class CPluginDriver {
   bool m_bStop TS_GUARDED_BY(m_cs) = false;
   bool m_bTick TS_GUARDED_BY(m_cs) = false;
   uint32_t m_uiAnswered TS_GUARDED_BY(m_cs) = 0;
+  pthread_cond_t m_condAnswered;
+  std::vector<_PluginState> m_states TS_GUARDED_BY(m_cs);
 };

@@ -96,6 +96,11 @@ HLog LogInit(const char* pszName) {
   }
 }
 
+void LogForceLevel(int iLevel) {
+  const CNoCancel noCancel;
+  zxlog::CLogBackend::Instance().ForceLevel(iLevel);
+}
+
 void LogUninit(HLog hLog) {
   const CNoCancel noCancel;
   if (hLog != nullptr)

@@ -37,6 +37,9 @@ ZX_API void LogSetHome(const CPString& strHome);
 // Opens the channel: <dir>/<name>.log, rotated by size. Null only when out of memory; a directory that cannot
 // be written sends the lines to stderr until it can.
 ZX_API HLog LogInit(const char* pszName);
+// One threshold for every channel, over settings and environment, until it is 0 again. Out of 0 to 9:
+// ignored.
+ZX_API void LogForceLevel(int iLevel);
 ZX_API void LogUninit(HLog hLog);  // null is allowed; waits until the channel's lines are written
 ZX_API void LogPrint(HLog hLog, int iLevel, const char* pszFormat, ...) __attribute__((format(printf, 3, 4)));
 ZX_API void LogPrintV(HLog hLog, int iLevel, const char* pszFormat, va_list args)

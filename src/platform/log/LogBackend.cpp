@@ -68,6 +68,19 @@ void CLogBackend::SetHome(const CPString& strHome) {
   m_bSettingsStale = true;
 }
 
+int CLogBackend::ThresholdOf(const std::string& strChannel) const {
+  return m_iForcedLevel != 0 ? m_iForcedLevel : m_pSettings->ThresholdOf(strChannel);
+}
+
+void CLogBackend::ForceLevel(int iLevel) {
+  if (iLevel != 0 && (iLevel < kLogMinLevel || iLevel > kLogMaxLevel))
+    return;
+  CCritLock lock(m_cs);
+  m_iForcedLevel = iLevel;
+  for (auto& [strName, pChannel] : m_channels)
+    pChannel->iThreshold = ThresholdOf(strName);
+}
+
 HLog CLogBackend::Open(const char* pszName) {
   const CTurn turn(*this);
   bool bLoad = false;
@@ -92,7 +105,7 @@ HLog CLogBackend::Open(const char* pszName) {
     pChannel = pOwner.get();
     if (pChannel->uOpen++ == 0) {
       ++m_uOpenChannels;
-      pChannel->iThreshold = m_pSettings->ThresholdOf(pChannel->strName);
+      pChannel->iThreshold = ThresholdOf(pChannel->strName);
     }
   }
   return pChannel;
@@ -297,7 +310,7 @@ void CLogBackend::LoadSettings() {
   m_stamp = stamp;
   m_pSettings = std::move(pSettings);
   for (auto& [strName, pChannel] : m_channels)
-    pChannel->iThreshold = m_pSettings->ThresholdOf(strName);
+    pChannel->iThreshold = ThresholdOf(strName);
 }
 
 void CLogBackend::WaitWritten() {

@@ -56,6 +56,7 @@ class CLogBackend {
   static CLogBackend& Instance();
 
   void SetHome(const CPString& strHome);
+  void ForceLevel(int iLevel) TS_EXCLUDES(m_cs);
   HLog Open(const char* pszName);
   void Close(HLog hLog);
   void Post(HLog hLog, int iLevel, std::string_view svText);
@@ -78,6 +79,7 @@ class CLogBackend {
   void CheckConfig() TS_EXCLUDES(m_cs);
   void LoadSettings() TS_EXCLUDES(m_cs);
   void WaitWritten() TS_EXCLUDES(m_cs);
+  int ThresholdOf(const std::string& strChannel) const TS_REQUIRES(m_cs);
 
   CCritSec m_cs;
   pthread_cond_t m_condWork;  // the writer waits here
@@ -101,6 +103,7 @@ class CLogBackend {
   bool m_bSettingsStale TS_GUARDED_BY(m_cs) = true;
   std::shared_ptr<const CLogSettings> m_pSettings TS_GUARDED_BY(m_cs);
   CLogConfigStamp m_stamp TS_GUARDED_BY(m_cs);
+  int m_iForcedLevel TS_GUARDED_BY(m_cs) = 0;  // 0: the settings count
 
   pthread_t m_hWriter{};            // whoever has the turn
   uint64_t m_u64ConfigCheckAt = 0;  // writer thread

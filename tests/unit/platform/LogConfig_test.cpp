@@ -96,6 +96,24 @@ TEST_F(LogConfig_test, Settings_AreReadAgainWhileRunning) {
   EXPECT_THAT(TextsIn("moved/zxagent.log"), ElementsAre("in the new place"));
 }
 
+TEST_F(LogConfig_test, ForcedLevel_StandsOverEverything_UntilZero) {
+  m_home.WriteFile("etc/zxlog.json", R"({"level":3,"channels":{"named":{"level":4}}})");
+  SetEnv("ZX_LOG_LEVEL", "6");
+  HLog hOpen = LogInit("named");
+  LogForceLevel(1);
+  HLog hLater = LogInit("later");
+  EXPECT_EQ(hOpen->iThreshold, 1);
+  EXPECT_EQ(hLater->iThreshold, 1);
+  LogForceLevel(10);
+  LogForceLevel(-1);
+  EXPECT_EQ(hOpen->iThreshold, 1);
+  LogForceLevel(0);
+  EXPECT_EQ(hOpen->iThreshold, 6);
+  EXPECT_EQ(hLater->iThreshold, 6);
+  LogUninit(hLater);
+  LogUninit(hOpen);
+}
+
 TEST_F(LogConfig_test, Settings_OfANewHomeHoldForOpenChannels) {
   const HLog hFirst = LogInit("zxagent");
   const CTempHome other;
