@@ -7,7 +7,7 @@
 
 namespace {
 
-constexpr size_t kFormatStackBytes = 512;
+constexpr size_t kFormatStackBytes = 4096;  // measuring a text that does not fit costs as much as writing it
 
 char LowerAscii(char ch) {
   return ch >= 'A' && ch <= 'Z' ? static_cast<char>(ch - 'A' + 'a') : ch;

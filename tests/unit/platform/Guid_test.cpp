@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
+
 namespace {
 
 TEST(Guid_test, Ctor_GivesZero_WhenTextIsNull) {
@@ -31,6 +33,26 @@ TEST(Guid_test, Ctor_GivesZero_WhenTextIsNoGuid) {
   EXPECT_EQ(GUID("not a guid"), GUID());
   EXPECT_EQ(GUID(""), GUID());
   EXPECT_EQ(GUID("{"), GUID());
+}
+
+// The full form is read digit by digit, anything else by scanning; both agree wherever both can read.
+TEST(Guid_test, Ctor_ReadsWhatScanningReads) {
+  for (const char* pszText :
+       {"0a1b2c3d-4e5f-6071-8293-a4b5c6d7e8f9", "{0A1B2C3D-4E5F-6071-8293-A4B5C6D7E8F9}",
+        "0a1b2c3d-4e5f-6071-8293-a4b5c6d7e8f9 and more", "{0a1b2c3d-4e5f-6071-8293-a4b5c6d7e8f9",
+        " 0a1b2c3d-4e5f-6071-8293-a4b5c6d7e8f9", "0a1b2c3d-4e5f-6071-8293a4b5c6d7e8f9",
+        "1-2-3-0405-060708090a0b", "0x1b2c3d-4e5f-6071-8293-a4b5c6d7e8f9",
+        "0a1b2c3g-4e5f-6071-8293-a4b5c6d7e8f9", "{}", "-", ""}) {
+    GUID scanned;
+    const char* psz = pszText;
+    if (*psz == '{')
+      ++psz;
+    (void)std::sscanf(psz, "%08x-%04hx-%04hx-%02hhx%02hhx-%02hhx%02hhx%02hhx%02hhx%02hhx%02hhx",
+                      &scanned.Data1, &scanned.Data2, &scanned.Data3, &scanned.Data4[0], &scanned.Data4[1],
+                      &scanned.Data4[2], &scanned.Data4[3], &scanned.Data4[4], &scanned.Data4[5],
+                      &scanned.Data4[6], &scanned.Data4[7]);
+    EXPECT_EQ(GUID(pszText), scanned) << pszText;
+  }
 }
 
 TEST(Guid_test, ToText_PadsFields) {
