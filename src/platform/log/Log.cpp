@@ -17,7 +17,7 @@ namespace zxlog {
 
 namespace {
 
-constexpr size_t kStackTextBytes = 1024;
+constexpr size_t kStackTextBytes = 4096;
 
 std::atomic<ILogSink*> s_pSink{nullptr};
 std::atomic<uint32_t> s_uInSink{0};

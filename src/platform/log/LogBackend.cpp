@@ -28,16 +28,36 @@ class CLogBackend::CTurn {
   CLogBackend& m_backend;
 };
 
+namespace {
+
+// A second's texts, made once for all its lines.
+struct CSecondText {
+  time_t iSecond = -1;
+  char szTime[64] = {};  // before the milliseconds
+  char szZone[48] = {};  // behind them
+
+  void Set(time_t iNewSecond) {
+    if (iSecond == iNewSecond)
+      return;
+    struct tm tmLocal {};
+    localtime_r(&iNewSecond, &tmLocal);
+    const long lZone = tmLocal.tm_gmtoff / 60;
+    std::snprintf(szTime, sizeof(szTime), "%04d-%02d-%02d %02d:%02d:%02d", tmLocal.tm_year + 1900,
+                  tmLocal.tm_mon + 1, tmLocal.tm_mday, tmLocal.tm_hour, tmLocal.tm_min, tmLocal.tm_sec);
+    std::snprintf(szZone, sizeof(szZone), "%c%02ld%02ld", lZone < 0 ? '-' : '+', std::abs(lZone) / 60,
+                  std::abs(lZone) % 60);
+    iSecond = iNewSecond;
+  }
+};
+
+}  // namespace
+
 std::string FormatLogLine(int iLevel, const timespec& tsTime, pid_t iThread, std::string_view svText) {
-  struct tm tmLocal {};
-  localtime_r(&tsTime.tv_sec, &tmLocal);
-  const long lZone = tmLocal.tm_gmtoff / 60;
-  char szHead[96];
-  const int iHead =
-      std::snprintf(szHead, sizeof(szHead), "%04d-%02d-%02d %02d:%02d:%02d.%03ld %c%02ld%02ld [%d] [%d:%d] ",
-                    tmLocal.tm_year + 1900, tmLocal.tm_mon + 1, tmLocal.tm_mday, tmLocal.tm_hour,
-                    tmLocal.tm_min, tmLocal.tm_sec, tsTime.tv_nsec / kNsPerMs, lZone < 0 ? '-' : '+',
-                    std::abs(lZone) / 60, std::abs(lZone) % 60, iLevel, getpid(), iThread);
+  static thread_local CSecondText t_second;
+  t_second.Set(tsTime.tv_sec);
+  char szHead[160];
+  const int iHead = std::snprintf(szHead, sizeof(szHead), "%s.%03ld %s [%d] [%d:%d] ", t_second.szTime,
+                                  tsTime.tv_nsec / kNsPerMs, t_second.szZone, iLevel, getpid(), iThread);
   std::string strLine;
   strLine.reserve(static_cast<size_t>(iHead) + svText.size() + 1);
   strLine.append(szHead, static_cast<size_t>(iHead)).append(svText).append(1, '\n');
@@ -157,7 +177,7 @@ void CLogBackend::Post(HLog hLog, int iLevel, std::string_view svText) {
       m_queue.push_back(std::move(line));
       m_uQueueBytes += svText.size();
       ++m_u64Posted;
-      if (m_bWriterWaits) {
+      if (m_bWriterWaits || (m_bWriterGathers && BatchIsDue())) {
         m_bWriterWaits = false;
         pthread_cond_signal(&m_condWork);
       }
@@ -228,11 +248,28 @@ bool CLogBackend::TakeBatch(TBatch& batch) {
     }
     m_bWriterWaits = false;
   }
+  Gather();
   batch.swap(m_queue);
   m_uQueueBytes = 0;
   if (m_uRoomWaiters != 0)
     pthread_cond_broadcast(&m_condRoom);
   return !batch.empty() || !m_bStop;
+}
+
+bool CLogBackend::BatchIsDue() const {
+  return m_bStop || m_bCloseFiles || m_uDoneWaiters != 0 || m_queue.size() >= kLogGatherLines ||
+         m_uQueueBytes >= kLogGatherBytes;
+}
+
+// Lines come in bursts: one wake-up and one write for many of them.
+void CLogBackend::Gather() {
+  if (m_queue.empty())
+    return;
+  const timespec tsDeadline = ZxDeadline(kLogGatherMs);
+  m_bWriterGathers = true;
+  while (!BatchIsDue() && pthread_cond_timedwait(&m_condWork, m_cs.Native(), &tsDeadline) != ETIMEDOUT) {
+  }
+  m_bWriterGathers = false;
 }
 
 void CLogBackend::WriteBatch(TBatch& batch) {
@@ -316,8 +353,11 @@ void CLogBackend::LoadSettings() {
 void CLogBackend::WaitWritten() {
   CCritLock lock(m_cs);
   const uint64_t u64Until = m_u64Posted;
+  ++m_uDoneWaiters;
+  pthread_cond_signal(&m_condWork);
   while (m_bWriter && m_u64Written < u64Until)
     pthread_cond_wait(&m_condDone, m_cs.Native());
+  --m_uDoneWaiters;
 }
 
 }  // namespace zxlog

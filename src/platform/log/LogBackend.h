@@ -1,7 +1,8 @@
 // Back end of the log: channels by name, one bounded queue, one writer thread. The thread exists while at
 // least one channel is open. Private to the platform library.
 // Threads: everything may be called from any thread, with cancellation held back by the caller. Blocking:
-// Post waits while the queue is full; Open and Close wait for each other, Close for the writer.
+// Post waits while the queue is full; Open and Close wait for each other, Close for the writer. A line is in
+// its file kLogGatherMs after it was posted, sooner when many come.
 #pragma once
 
 #include <pthread.h>
@@ -26,6 +27,9 @@ namespace zxlog {
 inline constexpr size_t kLogMaxTextBytes = 64u << 10;  // a longer text is cut, with a mark
 inline constexpr size_t kLogQueueLines = 512;
 inline constexpr size_t kLogQueueBytes = 1u << 20;
+inline constexpr size_t kLogGatherLines = kLogQueueLines / 2;  // this many do not wait for more
+inline constexpr size_t kLogGatherBytes = 64u << 10;
+inline constexpr uint32_t kLogGatherMs = 10;
 inline constexpr uint32_t kLogConfigCheckMs = 5000;
 
 // Time, level, process and thread id in front of the text, a newline behind it.
@@ -74,6 +78,8 @@ class CLogBackend {
   static void* WriterEntry(void* pBackend);
   void WriterLoop() TS_EXCLUDES(m_cs);
   bool TakeBatch(TBatch& batch) TS_EXCLUDES(m_cs);
+  bool BatchIsDue() const TS_REQUIRES(m_cs);
+  void Gather() TS_REQUIRES(m_cs);
   void WriteBatch(TBatch& batch) TS_EXCLUDES(m_cs);
   void CloseFiles() TS_EXCLUDES(m_cs);
   void CheckConfig() TS_EXCLUDES(m_cs);
@@ -94,6 +100,8 @@ class CLogBackend {
   uint64_t m_u64Written TS_GUARDED_BY(m_cs) = 0;
   uint32_t m_uOpenChannels TS_GUARDED_BY(m_cs) = 0;
   bool m_bWriterWaits TS_GUARDED_BY(m_cs) = false;
+  bool m_bWriterGathers TS_GUARDED_BY(m_cs) = false;
+  uint32_t m_uDoneWaiters TS_GUARDED_BY(m_cs) = 0;
   uint32_t m_uRoomWaiters TS_GUARDED_BY(m_cs) = 0;
   bool m_bWriter TS_GUARDED_BY(m_cs) = false;
   bool m_bStop TS_GUARDED_BY(m_cs) = false;
