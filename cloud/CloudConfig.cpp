@@ -194,6 +194,8 @@ void ReadTconf(CPJsonParse& json, CMembers members, _TconfConfig& tconf, std::st
   members.Number("refresh_sec", 60, 86400, tconf.iRefreshSec);
   members.Number("max_message_bytes", 1024, 256 << 20, tconf.iMaxMessageBytes);
   members.Flag("confirm", tconf.bConfirm);
+  members.Number("drain_per_sec", 0, 1000000, tconf.iDrainPerSec);
+  members.Number("connections", 1, 2, tconf.iConnections);
   members.End();
 }
 

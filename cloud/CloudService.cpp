@@ -41,6 +41,8 @@ std::string TconfText(const _TconfConfig& tconf) {
   json.Number("max_message_bytes", tconf.iMaxMessageBytes);
   if (tconf.bConfirm)
     json.Number("confirm", 1);
+  json.Number("drain_per_sec", tconf.iDrainPerSec);
+  json.Number("connections", tconf.iConnections);
   return json.Str();
 }
 

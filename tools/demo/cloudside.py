@@ -75,7 +75,8 @@ class Broker:
         with open(os.path.join(self.folder, "acl"), "w", encoding="ascii") as text:
             text.write("user zxcloudd\ntopic read zx/v1/+/up/+\ntopic read zx/v1/+/status\n"
                        "topic write zx/v1/+/push/+\n\n"
-                       "pattern read zx/v1/%c/push/+\npattern write zx/v1/%c/up/+\npattern write zx/v1/%c/status\n")
+                       "user demo-agent\ntopic write zx/v1/+/up/+\n\n"
+                       "pattern read zx/v1/%c/push/+\npattern write zx/v1/%c/status\n")
         os.chmod(os.path.join(self.folder, "acl"), 0o600)
         program = shutil.which("mosquitto") or "/usr/sbin/mosquitto"
         for _ in range(5):

@@ -14,12 +14,24 @@ namespace zxcloud {
 
 namespace {
 
+constexpr size_t kMaxErrorText = 160;
+
 // Ids of this start never meet those of an earlier one.
 std::string NewIdPrefix() {
   uint64_t u64 = 0;
   if (RAND_bytes(reinterpret_cast<unsigned char*>(&u64), sizeof(u64)) != 1)
     u64 = static_cast<uint64_t>(CSystemRandom().Below(UINT32_MAX)) << 32 | CSystemRandom().Below(UINT32_MAX);
   return CPString::Make("%016" PRIx64 "-", u64).Str();
+}
+
+// For a line of a log and for the form "key=value" joined by ":".
+std::string OneLine(std::string strText) {
+  strText.resize(std::min(strText.size(), kMaxErrorText));
+  for (char& ch : strText) {
+    if (static_cast<unsigned char>(ch) < 0x20 || ch == '=')
+      ch = ' ';
+  }
+  return strText;
 }
 
 }  // namespace
@@ -52,14 +64,15 @@ CCloudLink::CCloudLink(const zxcloud_record& record, _CloudConfig config, _Cloud
       m_log(m_callbacks),
       m_outbox(m_config.uMaxQueueBytes, m_clock),
       m_http(HttpSettings()),
-      m_long({m_times, m_clock, m_randomLong, m_outbox, m_waiters, m_callbacks, m_log,
+      m_long({m_times, m_clock, m_randomLong, m_outbox, m_waiters, m_callbacks, m_log, m_errors,
               [this] { m_short.Wake(); }},
              [this](IMqttEvents& events) {
                return std::make_unique<CMosquittoTransport>(m_config.tls, events);
              }),
-      m_short({m_times, m_clock, m_randomShort, m_outbox, m_waiters, m_callbacks, m_log, m_http, *this},
-              {m_config.listTconf, record.channel_id == nullptr ? "" : record.channel_id,
-               m_config.bPlainLoopback}),
+      m_short(
+          {m_times, m_clock, m_randomShort, m_outbox, m_waiters, m_callbacks, m_log, m_errors, m_http, *this},
+          {m_config.listTconf, record.channel_id == nullptr ? "" : record.channel_id,
+           m_config.bPlainLoopback}),
       m_options(std::move(options)) {
   m_log.SetDebug(m_options.bAllowDebug);
 }
@@ -223,14 +236,25 @@ void CCloudLink::ConfigureLong() {
     settings.strMid = m_options.strMid;
     settings.iKeepAliveSec = m_options.bHbDisable ? 0 : m_tconf->iKeepAliveSec;
     settings.uSpreadSec = m_tconf->uSpreadSec;
+    settings.uDrainPerSec = m_tconf->uDrainPerSec;
+    settings.bBulkLink = m_tconf->uConnections > 1;
   }
   m_long.Configure(std::move(settings));
 }
 
 std::string CCloudLink::State() {
-  const std::string strUp = m_long.UpAddress();
-  return Options().Text() + ":link=" + (strUp.empty() ? "down" : "up") + ":longaddr=" + strUp +
-         ":waiting=" + std::to_string(m_outbox.Waiting()) + ":bytes=" + std::to_string(m_outbox.Bytes());
+  const _LongStatus longState = m_long.Status();
+  const _OutboxState outState = m_outbox.State();
+  const auto UpDown = [](bool bUp) { return bUp ? "up" : "down"; };
+  std::string strText =
+      std::string("link=") + UpDown(!longState.strUpAddress.empty()) + ":longaddr=" + longState.strUpAddress +
+      ":bulk=" + UpDown(longState.bBulkUp) + ":reconnects=" + std::to_string(longState.u64Reconnects) +
+      ":waiting=" + std::to_string(outState.u64Waiting) + ":entries=" + std::to_string(outState.u64Entries) +
+      ":bytes=" + std::to_string(outState.u64Bytes) + ":oldest_ms=" + std::to_string(outState.u64OldestMs) +
+      ":" + Options().Text();
+  if (const std::string strError = m_errors.Last(); !strError.empty())
+    strText += ":lasterror=" + OneLine(strError);
+  return strText;
 }
 
 }  // namespace zxcloud

@@ -19,6 +19,7 @@
 #include "platform/cloud/CloudPorts.h"
 #include "platform/cloud/CloudThread.h"
 #include "platform/cloud/HttpClient.h"
+#include "platform/cloud/LinkErrors.h"
 #include "platform/cloud/LongLink.h"
 #include "platform/cloud/Outbox.h"
 #include "platform/cloud/ShortLink.h"
@@ -47,7 +48,7 @@ class CCloudLink : private IShortPeer {
   // Asks an address for its health on the calling thread.
   uint32_t Check(std::string_view svAddress) TS_EXCLUDES(m_cs);
   void SetOptions(const _CloudOptions& options) TS_EXCLUDES(m_cs);
-  std::string State();  // options and link state
+  std::string State();  // link state and options, one line
   bool InCallback() { return m_callbacks.Inside(); }
 
  private:
@@ -72,6 +73,7 @@ class CCloudLink : private IShortPeer {
   CSystemRandom m_randomShort;
   CCallbacks m_callbacks;
   CCloudLog m_log;
+  CLinkErrors m_errors;
   CMemoryOutbox m_outbox;
   CWaiters m_waiters;
   CHttpClient m_http;

@@ -14,7 +14,18 @@ namespace {
 
 constexpr int kMaxEvents = 4;
 constexpr size_t kMaxNumberDigits = 9;
-constexpr size_t kSlowBytesPerMs = 16;
+// What an event of the epoll belongs to.
+enum : uint32_t { kTagWakeup, kTagCommand, kTagBulk, kTagCount };
+
+constexpr char kBulkSuffix[] = "-up";  // behind the machine id: the client id of bulk data
+
+std::string TopicBase(const std::string& strMid) {
+  return "zx/v1/" + strMid;
+}
+
+std::string UpPrefix(const std::string& strMid) {
+  return TopicBase(strMid) + "/up/";
+}
 
 }  // namespace
 
@@ -37,11 +48,14 @@ CLongLink::CLongLink(_Ports ports, const TTransports& fnTransport, CResolver::TR
     : m_ports(std::move(ports)),
       m_pWakeup(std::make_shared<CWakeup>()),
       m_resolver(m_pWakeup, pfnResolve),
-      m_pTransport(fnTransport(*this)),
       m_machine(m_ports.times, m_ports.clock, m_ports.random, *this),
-      m_quiet(m_ports.times.dwQuietLog) {
-  m_listUnderWay.reserve(kWindowMessages);
-}
+      m_command(
+          {m_ports.times, m_ports.clock, m_ports.outbox, m_ports.waiters, m_machine,
+           [this](std::string_view svTopic, std::string_view svPayload) { OnPush(svTopic, svPayload); }},
+          fnTransport),
+      m_bulk({m_ports.times, m_ports.clock, m_ports.random, m_ports.outbox, m_ports.waiters, m_ports.log},
+             fnTransport),
+      m_quiet(m_ports.times.dwQuietLog) {}
 
 CLongLink::~CLongLink() {
   if (m_fdEpoll >= 0)
@@ -52,16 +66,17 @@ bool CLongLink::Init() {
   return m_pWakeup->Descriptor() >= 0 && RenewEpoll();
 }
 
-// Each connection has an epoll of its own: a socket that a forked child still holds stays registered when we
-// close it, and its events would come under a number that is another socket's by then.
+// No socket that is gone stays watched: one that a forked child still holds stays registered when we close
+// it, and its events would come for ever.
 bool CLongLink::RenewEpoll() {
   if (m_fdEpoll >= 0)
     close(m_fdEpoll);
-  m_fdWatched = -1;
+  m_command.Forget();
+  m_bulk.Connection().Forget();
   m_fdEpoll = epoll_create1(EPOLL_CLOEXEC);
   epoll_event event{};
   event.events = EPOLLIN;
-  event.data.fd = m_pWakeup->Descriptor();
+  event.data.u32 = kTagWakeup;
   return m_fdEpoll >= 0 && epoll_ctl(m_fdEpoll, EPOLL_CTL_ADD, m_pWakeup->Descriptor(), &event) == 0;
 }
 
@@ -80,9 +95,10 @@ void CLongLink::Stop() {
   Wake();
 }
 
-std::string CLongLink::UpAddress() {
+_LongStatus CLongLink::Status() {
+  const bool bBulkUp = m_bulk.IsUp();
   CCritLock lock(m_cs);
-  return m_strUpAddress;
+  return {m_strUpAddress, bBulkUp, m_u64Ups > 0 ? m_u64Ups - 1 : 0};
 }
 
 void CLongLink::MarkDown() {
@@ -93,7 +109,8 @@ void CLongLink::Run() {
   while (RunOnce(-1)) {
   }
   // The outbox keeps what was under way until the library object goes.
-  m_pTransport->Close(true);
+  m_bulk.Leave(true);
+  m_command.Close(true);
   m_bUp.store(false);
 }
 
@@ -105,10 +122,12 @@ bool CLongLink::RunOnce(int iMaxWaitMs) {
   ReportFailure();
   m_machine.OnTime();
   Tick();
-  CheckAckAge();
-  Pump();
-  SyncInterest();
-  WaitAndHandle(WaitMs(iMaxWaitMs));
+  m_command.CheckLife();
+  ReportFailure();
+  m_bulk.OnTime();
+  const bool bMore = Pump();
+  Watch();
+  WaitAndHandle(bMore ? 0 : WaitMs(iMaxWaitMs));
   return !m_bStop.load();
 }
 
@@ -139,7 +158,7 @@ void CLongLink::Dial(const _CloudAddress& address) {
   } else if (m_resolver.Ask(address.strHost, strError)) {
     m_bResolving = true;
   } else {
-    m_failure = _Failure{EMqttFailure::Network, strError};
+    m_command.Fail(EMqttFailure::Network, strError);
   }
 }
 
@@ -157,48 +176,53 @@ void CLongLink::TakeLookup() {
       return;
     case CResolver::EAnswer::Failed:
       m_bResolving = false;
-      m_failure = _Failure{EMqttFailure::Network, strError};
+      m_command.Fail(EMqttFailure::Network, strError);
       return;
   }
 }
 
-void CLongLink::OpenNextIp() {
-  m_bTcpUp = false;
+_MqttOpen CLongLink::OpenOf(const std::string& strIp) const {
   _MqttOpen open;
-  open.strIp = m_listIps.front();
-  m_listIps.erase(m_listIps.begin());
-  m_strIp = open.strIp;
+  open.strIp = strIp;
   open.strHost = m_dialled.strHost;
   open.wPort = m_dialled.wPort;
   open.bPlain = m_dialled.bPlain;
-  open.strClientId = m_settings.strMid;
   open.iKeepAliveSec = m_settings.iKeepAliveSec;
-  const std::string strBase = "zx/v1/" + m_settings.strMid;
-  m_strPushPrefix = strBase + "/push/";
-  m_strUpPrefix = strBase + "/up/";
+  return open;
+}
+
+void CLongLink::OpenNextIp() {
+  m_strIp = m_listIps.front();
+  m_listIps.erase(m_listIps.begin());
+  m_strMid = m_settings.strMid;
+  m_strPushPrefix = TopicBase(m_strMid) + "/push/";
+  _MqttOpen open = OpenOf(m_strIp);
+  open.strClientId = m_strMid;
   open.strSubscribe = m_strPushPrefix + "+";
-  open.strStatusTopic = strBase + "/status";
-  _Failure failure;
-  m_pTransport->Close(false);
-  if (!RenewEpoll())
-    m_failure = _Failure{EMqttFailure::Network, "out of descriptors"};
-  else if (!m_pTransport->Open(open, failure.eKind, failure.strReason))
-    m_failure = std::move(failure);
+  open.strStatusTopic = TopicBase(m_strMid) + "/status";
+  m_command.Open(open, UpPrefix(m_strMid));
+}
+
+void CLongLink::FollowWithBulk(const _CloudAddress& address) {
+  if (!m_settings.bBulkLink)
+    return;
+  _MqttOpen open = OpenOf(m_strIp);
+  open.strClientId = m_strMid + kBulkSuffix;
+  m_bulk.Follow(address, std::move(open), UpPrefix(m_strMid));
 }
 
 // Events of the machine come from here and not from inside its actions.
 void CLongLink::ReportFailure() {
-  while (m_failure.has_value()) {
-    const _Failure failure = *std::exchange(m_failure, std::nullopt);
+  while (const auto failure = m_command.TakeFailure()) {
     m_ports.log.LogDetail("zxcloud connection ended addr[%s] ip[%s] kind[%d] reason[%s]", m_dialled.Text(),
-                          m_strIp, failure.eKind, failure.strReason);
-    if (!m_bTcpUp && failure.eKind == EMqttFailure::Network && !m_listIps.empty()) {
+                          m_strIp, failure->eKind, failure->strReason);
+    if (!m_command.TcpUp() && failure->eKind == EMqttFailure::Network && !m_listIps.empty()) {
       m_machine.OnStage(ELinkStage::Dial);
       OpenNextIp();
-    } else if (failure.eKind == EMqttFailure::Refused) {
-      m_machine.OnRefused(failure.strReason);
+    } else if (failure->eKind == EMqttFailure::Refused) {
+      m_machine.OnRefused(failure->strReason);
     } else {
-      m_machine.OnFailed(failure.strReason);
+      m_machine.OnFailed(failure->strReason);
     }
   }
 }
@@ -206,42 +230,29 @@ void CLongLink::ReportFailure() {
 void CLongLink::Hangup() {
   m_ports.log.LogDetail("zxcloud connection given up addr[%s] ip[%s]", m_dialled.Text(), m_strIp);
   m_bResolving = false;
-  m_failure.reset();
-  m_pTransport->Close(false);
-  ReturnAll();
-}
-
-void CLongLink::OnTcpUp() {
-  m_bTcpUp = true;
-  m_machine.OnStage(ELinkStage::Connack);
-}
-
-void CLongLink::OnConnack() {
-  m_machine.OnStage(ELinkStage::Ready);
-}
-
-void CLongLink::OnSubscribed() {
-  m_machine.OnReady();
-}
-
-void CLongLink::OnClosed(EMqttFailure eFailure, const std::string& strReason) {
-  m_failure = _Failure{eFailure, strReason};
+  m_bulk.Leave(false);
+  m_command.Close(false);
 }
 
 void CLongLink::LinkUp(const _CloudAddress& address) {
-  const std::string strLocal = m_pTransport->LocalEnd();
-  const std::string strRemote = HostPort(m_pTransport->RemoteIp(), m_pTransport->RemotePort());
+  const IMqttTransport& transport = m_command.Transport();
+  const std::string strLocal = transport.LocalEnd();
+  const std::string strRemote = HostPort(transport.RemoteIp(), transport.RemotePort());
   {
     CCritLock lock(m_cs);
     m_strUpAddress = address.Text();
+    ++m_u64Ups;
   }
-  m_u64NextTick = m_ports.clock.NowMs() + m_pTransport->TickMs();
+  m_u64NextTick = m_ports.clock.NowMs() + m_command.TickMs();
+  // Fresh work is not a backlog.
+  m_drain.Begin(m_ports.outbox.Waiting() == 0 ? 0 : m_settings.uDrainPerSec, m_ports.clock.NowMs());
   m_quiet.Reset();
   m_bUp.store(true);
   m_ports.log.LogInfo("zxcloud long connection up addr[%s] local[%s] remote[%s]", address.Text(), strLocal,
                       strRemote);
+  FollowWithBulk(address);
   m_ports.callbacks.Data(EData::Long, strLocal + ";" + strRemote);
-  m_ports.callbacks.Connect(m_pTransport->RemoteIp(), m_pTransport->RemotePort());
+  m_ports.callbacks.Connect(transport.RemoteIp(), transport.RemotePort());
 }
 
 void CLongLink::LinkDown(const std::string& strReason) {
@@ -251,8 +262,9 @@ void CLongLink::LinkDown(const std::string& strReason) {
     CCritLock lock(m_cs);
     m_strUpAddress.clear();
   }
-  m_pTransport->Close(false);
-  ReturnAll();
+  m_bulk.Leave(false);
+  m_command.Close(false);
+  m_ports.errors.Note(m_machine.Current().Text() + ": " + strReason);
   m_quiet.Due(m_ports.clock.NowMs());
   m_ports.log.LogWarn("*zxcloud long connection lost addr[%s] reason[%s]", m_machine.Current().Text(),
                       strReason);
@@ -261,68 +273,36 @@ void CLongLink::LinkDown(const std::string& strReason) {
 }
 
 void CLongLink::LinkWaits(const std::string& strReasons, uint32_t dwDelayMs) {
+  m_ports.errors.Note(strReasons);
   if (m_quiet.Due(m_ports.clock.NowMs()))
     m_ports.log.LogWarn("*zxcloud long connection not up, next attempt in ms[%u] reasons[%s]", dwDelayMs,
                         strReasons);
   m_ports.fnDown();
 }
 
+// One wake-up for the keep-alive of both connections.
 void CLongLink::Tick() {
-  const uint32_t dwTick = m_pTransport->TickMs();
+  const uint32_t dwTick = m_command.TickMs();
   if (!m_bUp.load() || dwTick == 0 || m_ports.clock.NowMs() < m_u64NextTick)
     return;
   m_u64NextTick = m_ports.clock.NowMs() + dwTick;
-  m_pTransport->OnTick();
-  ReportFailure();
+  m_command.Tick();
+  m_bulk.Connection().Tick();
 }
 
-// What is under way must be answered in a time that a slow line still keeps.
-uint64_t CLongLink::AckDeadline() const {
-  return m_u64Progress + m_ports.times.dwAckAge + m_uBytesUnderWay / kSlowBytesPerMs;
-}
-
-void CLongLink::CheckAckAge() {
-  if (m_listUnderWay.empty() || m_ports.clock.NowMs() < AckDeadline())
-    return;
-  m_pTransport->Close(false);
-  m_machine.OnFailed("sent messages stay unacknowledged");
-}
-
-void CLongLink::Pump() {
+// True: there is more to send than one turn allows.
+bool CLongLink::Pump() {
   if (!m_bUp.load())
-    return;
-  bool bOpen = true;
-  while (bOpen) {
-    _OutRoom room;
-    room.bIdle = m_listUnderWay.empty();
-    room.uMessages = kWindowMessages - static_cast<uint32_t>(m_listUnderWay.size());
-    room.uBytes = kWindowBytes - std::min(kWindowBytes, m_uBytesUnderWay);
-    room.uReserveMessages = kReserveMessages;
-    room.uReserveBytes = kReserveBytes;
-    const TOutItem pItem = m_ports.outbox.Take(room);
-    if (pItem == nullptr)
-      return;
-    if (room.bIdle)
-      m_u64Progress = m_ports.clock.NowMs();
-    m_listUnderWay.push_back({pItem->u64Seq, pItem->Bytes()});
-    m_uBytesUnderWay += pItem->Bytes();
-    m_strTopic.assign(m_strUpPrefix).append(std::to_string(pItem->iPriority));
-    bOpen = m_pTransport->Publish(pItem->u64Seq, m_strTopic, pItem->strWire);
-  }
-  m_pTransport->OnIo(false, false, false);
+    return false;
+  const bool bAlone = m_bulk.IsMissed();
+  bool bMore =
+      m_command.Pump(bAlone ? kBulkWindow : kCommandWindow, bAlone ? ELane::Any : ELane::Command, m_drain);
+  bMore = m_bulk.Connection().Pump(kBulkWindow, ELane::Bulk, m_drain) || bMore;
+  if (m_drain.Limits() && m_ports.outbox.Waiting() == 0)
+    m_drain.End();
   ReportFailure();
-}
-
-void CLongLink::OnAck(uint64_t u64Token) {
-  const auto it = std::find_if(m_listUnderWay.begin(), m_listUnderWay.end(),
-                               [&](const _UnderWay& entry) { return entry.u64Seq == u64Token; });
-  if (it == m_listUnderWay.end())
-    return;
-  m_uBytesUnderWay -= it->uBytes;
-  m_listUnderWay.erase(it);
-  m_u64Progress = m_ports.clock.NowMs();
-  m_ports.outbox.Done(u64Token);
-  m_ports.waiters.Complete(u64Token, 0);
+  m_bulk.ReportFailure();
+  return bMore;
 }
 
 void CLongLink::OnPush(std::string_view svTopic, std::string_view svPayload) {
@@ -337,65 +317,54 @@ void CLongLink::OnPush(std::string_view svTopic, std::string_view svPayload) {
   m_ports.callbacks.Push(iNumber, m_strPush.c_str());
 }
 
-void CLongLink::ReturnAll() {
-  for (const _UnderWay& entry : m_listUnderWay)
-    m_ports.outbox.Return(entry.u64Seq);
-  m_listUnderWay.clear();
-  m_uBytesUnderWay = 0;
-}
-
-int CLongLink::WaitMs(int iMaxWaitMs) const {
-  if (m_failure.has_value())
+int CLongLink::WaitMs(int iMaxWaitMs) {
+  if (m_command.HasFailure() || m_bulk.Connection().HasFailure())
     return 0;
+  const uint64_t u64Now = m_ports.clock.NowMs();
   uint64_t u64Due = m_machine.Deadline();
   const auto Earlier = [&u64Due](uint64_t u64Other) {
-    u64Due = u64Due == 0 || u64Other < u64Due ? u64Other : u64Due;
+    if (u64Other != 0)
+      u64Due = u64Due == 0 ? u64Other : std::min(u64Due, u64Other);
   };
-  if (m_bUp.load() && m_pTransport->TickMs() != 0)
+  if (m_bUp.load() && m_command.TickMs() != 0)
     Earlier(m_u64NextTick);
-  if (!m_listUnderWay.empty())
-    Earlier(AckDeadline());
+  Earlier(m_command.LifeDeadline());
+  Earlier(m_bulk.Deadline());
+  if (m_bUp.load() && m_drain.Limits() && !m_drain.Admits(u64Now))
+    Earlier(m_drain.NextMs());
   if (u64Due == 0)
     return iMaxWaitMs;
-  const uint64_t u64Now = m_ports.clock.NowMs();
   const int iWait = u64Due <= u64Now ? 0 : static_cast<int>(std::min<uint64_t>(u64Due - u64Now, 3600000));
   return iMaxWaitMs < 0 ? iWait : std::min(iWait, iMaxWaitMs);
 }
 
-void CLongLink::SyncInterest() {
-  const int fd = m_pTransport->Descriptor();
-  if (fd < 0) {
-    m_fdWatched = -1;
+void CLongLink::Watch() {
+  if ((m_command.IsStale() || m_bulk.Connection().IsStale()) && !RenewEpoll()) {
+    m_bulk.Leave(false);
+    m_command.Fail(EMqttFailure::Network, "out of descriptors");
     return;
   }
-  epoll_event event{};
-  event.events = EPOLLIN | (m_pTransport->WantWrite() ? EPOLLOUT : 0u);
-  event.data.fd = fd;
-  if (fd == m_fdWatched && event.events == m_uInterest)
-    return;
-  const int iWhat = fd == m_fdWatched ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
-  if (epoll_ctl(m_fdEpoll, iWhat, fd, &event) != 0) {
-    m_pTransport->Close(false);
-    m_failure = _Failure{EMqttFailure::Network, strerrordesc_np(errno)};
-    return;
-  }
-  m_fdWatched = fd;
-  m_uInterest = event.events;
+  m_command.Watch(m_fdEpoll, kTagCommand);
+  m_bulk.Connection().Watch(m_fdEpoll, kTagBulk);
 }
 
 void CLongLink::WaitAndHandle(int iWaitMs) {
   epoll_event events[kMaxEvents];
-  const int iCount = epoll_wait(m_fdEpoll, events, kMaxEvents, m_failure.has_value() ? 0 : iWaitMs);
-  for (int i = 0; i < iCount; ++i) {
-    if (events[i].data.fd == m_pWakeup->Descriptor()) {
-      m_pWakeup->Clear();
-      continue;
-    }
-    const uint32_t uEvents = events[i].events;
-    m_pTransport->OnIo((uEvents & EPOLLIN) != 0, (uEvents & EPOLLOUT) != 0,
-                       (uEvents & (EPOLLERR | EPOLLHUP)) != 0);
+  const bool bFailed = m_command.HasFailure() || m_bulk.Connection().HasFailure();
+  const int iCount = epoll_wait(m_fdEpoll, events, kMaxEvents, bFailed ? 0 : iWaitMs);
+  uint32_t uEvents[kTagCount] = {};
+  for (int i = 0; i < iCount; ++i)
+    uEvents[events[i].data.u32] = events[i].events;
+  if (uEvents[kTagWakeup] != 0)
+    m_pWakeup->Clear();
+  if (uEvents[kTagCommand] != 0) {
+    m_command.OnIo(uEvents[kTagCommand]);
+    ReportFailure();
   }
+  if (uEvents[kTagBulk] != 0)
+    m_bulk.Connection().OnIo(uEvents[kTagBulk]);
   ReportFailure();
+  m_bulk.ReportFailure();
 }
 
 }  // namespace zxcloud

@@ -21,6 +21,10 @@ constexpr int kLibraryWindow = 128;  // above our own window, so that ours is th
 constexpr int kPacketsPerTurn = 64;
 constexpr int kReadsPerTurn = 1024;
 constexpr unsigned kUserTimeoutMs = 30000;
+// Of the kernel, without a wake-up of ours: a host that is gone is found within 25 + 30 s, whatever the
+// keep-alive of the protocol.
+constexpr int kProbeIdleSec = 25;
+constexpr int kProbeIntervalSec = 10;
 constexpr char kOnline[] = "{\"online\":1}";
 constexpr char kOffline[] = "{\"online\":0}";
 
@@ -68,7 +72,7 @@ bool CMosquittoTransport::Configure(std::string& strError) {
   int iResult = mosquitto_int_option(p, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   if (iResult == MOSQ_ERR_SUCCESS)
     iResult = mosquitto_int_option(p, MOSQ_OPT_TCP_NODELAY, 1);
-  if (iResult == MOSQ_ERR_SUCCESS)
+  if (iResult == MOSQ_ERR_SUCCESS && !m_open.strStatusTopic.empty())
     iResult =
         mosquitto_will_set(p, m_open.strStatusTopic.c_str(), sizeof(kOffline) - 1, kOffline, kQos, true);
   if (iResult == MOSQ_ERR_SUCCESS && m_pCtx != nullptr) {
@@ -97,7 +101,7 @@ bool CMosquittoTransport::Open(const _MqttOpen& open, EMqttFailure& eFailure, st
       return false;
   }
   eFailure = EMqttFailure::Network;
-  m_pMosq.reset(mosquitto_new(open.strClientId.c_str(), false, this));
+  m_pMosq.reset(mosquitto_new(open.strClientId.c_str(), open.strSubscribe.empty(), this));
   if (m_pMosq == nullptr) {
     strError = "out of memory";
     return false;
@@ -130,12 +134,15 @@ void CMosquittoTransport::TuneSocket() const {
   // Found dead by the kernel when data or probes stay unanswered this long.
   setsockopt(fd, IPPROTO_TCP, TCP_USER_TIMEOUT, &kUserTimeoutMs, sizeof(kUserTimeoutMs));
   setsockopt(fd, SOL_SOCKET, SO_KEEPALIVE, &iOn, sizeof(iOn));
+  setsockopt(fd, IPPROTO_TCP, TCP_KEEPIDLE, &kProbeIdleSec, sizeof(kProbeIdleSec));
+  setsockopt(fd, IPPROTO_TCP, TCP_KEEPINTVL, &kProbeIntervalSec, sizeof(kProbeIntervalSec));
 }
 
 void CMosquittoTransport::Close(bool bPolite) {
   if (m_pMosq != nullptr && !m_bClosed && bPolite && m_bSubscribed) {
-    mosquitto_publish(m_pMosq.get(), nullptr, m_open.strStatusTopic.c_str(), sizeof(kOffline) - 1, kOffline,
-                      0, true);
+    if (!m_open.strStatusTopic.empty())
+      mosquitto_publish(m_pMosq.get(), nullptr, m_open.strStatusTopic.c_str(), sizeof(kOffline) - 1, kOffline,
+                        0, true);
     mosquitto_disconnect(m_pMosq.get());
   }
   m_bClosed = true;
@@ -216,6 +223,8 @@ void CMosquittoTransport::OnIo(bool bReadable, bool bWritable, bool bError) {
     m_bTcpUp = true;
     m_events.OnTcpUp();
   }
+  if (bReadable || bWritable)
+    m_events.OnAlive();
   int iResult = MOSQ_ERR_SUCCESS;
   const bool bHandshake = Handshaking();
   if (bReadable || bError || bHandshake)
@@ -233,7 +242,8 @@ void CMosquittoTransport::OnIo(bool bReadable, bool bWritable, bool bError) {
 }
 
 void CMosquittoTransport::OnTick() {
-  if (Descriptor() < 0 || m_open.iKeepAliveSec == 0 || !m_bTcpUp || Handshaking())
+  // A ping behind data that waits would be late and count as unanswered.
+  if (Descriptor() < 0 || m_open.iKeepAliveSec == 0 || !m_bTcpUp || WantWrite())
     return;
   errno = 0;
   const int iResult = mosquitto_loop_misc(m_pMosq.get());
@@ -305,12 +315,20 @@ void CMosquittoTransport::Subscribe() {
     m_acks.Bind(iId, 0);
 }
 
+// Of a session without subscription there is nothing to wait for.
+void CMosquittoTransport::EnterUse() {
+  if (m_open.strSubscribe.empty())
+    m_bSubscribedNews = true;
+  else
+    Subscribe();
+}
+
 // Reports what the library's callbacks have noted. False: the session has ended.
 bool CMosquittoTransport::Deliver() {
   if (m_bConnackNews && !m_bClosed) {
     m_bConnackNews = false;
     m_events.OnConnack();
-    Subscribe();
+    EnterUse();
   }
   if (m_bSubscribedNews && !m_bClosed) {
     m_bSubscribedNews = false;

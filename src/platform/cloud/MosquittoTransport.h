@@ -45,6 +45,7 @@ class CMosquittoTransport : public IMqttTransport {
   int Read();
   int SocketError() const;
   bool EndedInHandshake(bool bError) const;
+  void EnterUse();
   void Subscribe();
   void Ended(int iResult, int iErrno);
   bool Deliver();

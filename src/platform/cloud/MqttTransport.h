@@ -25,6 +25,7 @@ class IMqttEvents {
   virtual void OnClosed(EMqttFailure eFailure, const std::string& strReason) = 0;
   virtual void OnAck(uint64_t u64Token) = 0;
   virtual void OnPush(std::string_view svTopic, std::string_view svPayload) = 0;
+  virtual void OnAlive() = 0;  // the far side has sent something or taken something that waited
 };
 
 struct _MqttOpen {
@@ -33,8 +34,8 @@ struct _MqttOpen {
   uint16_t wPort = 0;
   bool bPlain = false;
   std::string strClientId;
-  std::string strSubscribe;    // QoS 1
-  std::string strStatusTopic;  // retained; also the topic of the will
+  std::string strSubscribe;    // QoS 1; empty: no subscription, and the broker keeps no session
+  std::string strStatusTopic;  // retained; also the topic of the will; empty: neither
   int iKeepAliveSec = 30;      // 0: none
 };
 

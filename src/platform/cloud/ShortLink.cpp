@@ -161,6 +161,7 @@ void CShortLink::DoTconf() {
   }
   const uint32_t dwDelay = DelayAfter(m_backoffTconf.Next(), uRetryAfter, m_ports.random);
   m_u64TconfDue = m_ports.clock.NowMs() + std::max(dwDelay, 1u);
+  m_ports.errors.Note(strReasons);
   if (m_quietTconf.Due(m_ports.clock.NowMs()))
     m_ports.log.LogWarn("*zxcloud no terminal configuration, next attempt in ms[%u] reasons[%s]", dwDelay,
                         strReasons);
@@ -201,6 +202,7 @@ void CShortLink::ProbeShort() {
   const _HttpAnswer answer = ToShort(Request("GET", "/v1/health", m_ports.peer.Options()));
   if (answer.eError == ENetError::Aborted)
     return;
+  NoteError(answer);
   if (answer.Ok())
     m_quietPoll.Reset();
   else if (m_quietPoll.Due(m_ports.clock.NowMs()))
@@ -222,6 +224,11 @@ _HttpAnswer CShortLink::ToShort(const _HttpRequest& request) {
     m_uShort = (m_uShort + 1) % m_listShort.size();
   }
   return answer;
+}
+
+void CShortLink::NoteError(const _HttpAnswer& answer) {
+  if (!answer.Ok() && answer.eError != ENetError::Aborted)
+    m_ports.errors.Note(m_listShort[m_uShort].Text() + ": " + answer.Why());
 }
 
 void CShortLink::ReportEnds(const _HttpAnswer& answer) {
@@ -273,6 +280,7 @@ void CShortLink::DoPoll(const _PollJob& job) {
   const _HttpAnswer answer = ToShort(request);
   if (!answer.Ok()) {
     m_bPollProved = false;
+    NoteError(answer);
     if (answer.eError != ENetError::Aborted && m_quietPoll.Due(m_ports.clock.NowMs()))
       m_ports.log.LogWarn("*zxcloud poll failed addr[%s] reason[%s]", m_listShort[m_uShort].Text(),
                           answer.Why());
@@ -340,6 +348,7 @@ void CShortLink::UploadFailed(const _OutItem& item, const _HttpAnswer& answer) {
     return;
   const uint32_t dwDelay = DelayAfter(m_backoffUpload.Next(), answer.uRetryAfterSec, m_ports.random);
   m_u64UploadNext = m_ports.clock.NowMs() + std::max(dwDelay, 1u);
+  NoteError(answer);
   if (m_quietUpload.Due(m_ports.clock.NowMs()))
     m_ports.log.LogWarn("*zxcloud upload failed addr[%s] reason[%s] next attempt in ms[%u]",
                         m_listShort[m_uShort].Text(), answer.Why(), dwDelay);

@@ -17,6 +17,7 @@
 #include "platform/cloud/CloudOptions.h"
 #include "platform/cloud/CloudPorts.h"
 #include "platform/cloud/HttpClient.h"
+#include "platform/cloud/LinkErrors.h"
 #include "platform/cloud/Outbox.h"
 #include "platform/cloud/TconfAnswer.h"
 #include "platform/cloud/Waiters.h"
@@ -53,6 +54,7 @@ class CShortLink {
     CWaiters& waiters;  // of blocking sends
     CCallbacks& callbacks;
     CCloudLog& log;
+    CLinkErrors& errors;
     IHttpClient& http;
     IShortPeer& peer;
   };
@@ -96,6 +98,7 @@ class CShortLink {
   void DoUpload();
   void UploadFailed(const _OutItem& item, const _HttpAnswer& answer);
   _HttpAnswer ToShort(const _HttpRequest& request);
+  void NoteError(const _HttpAnswer& answer);
   void ReportEnds(const _HttpAnswer& answer);
   _HttpRequest Request(const char* pszMethod, const char* pszTarget, const _CloudOptions& options) const;
 

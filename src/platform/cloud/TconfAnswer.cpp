@@ -74,6 +74,8 @@ bool ParseTconf(std::string_view svText, bool bPlainAllowed, _TconfAnswer& answe
       !Number(pRoot, "keepalive_sec", 10, 600, parsed.iKeepAliveSec, strError) ||
       !Number(pRoot, "spread_sec", 0, 600, parsed.uSpreadSec, strError) ||
       !Number(pRoot, "refresh_sec", 60, 86400, parsed.uRefreshSec, strError) ||
+      !Number(pRoot, "drain_per_sec", 0, 1000000, parsed.uDrainPerSec, strError) ||
+      !Number(pRoot, "connections", 1, 2, parsed.uConnections, strError) ||
       !Number(pRoot, "max_message_bytes", 1024, 256u << 20, parsed.uMaxMessage, strError))
     return false;
   answer = std::move(parsed);

@@ -22,6 +22,8 @@ struct _TconfAnswer {
   int iKeepAliveSec = 30;
   uint32_t uSpreadSec = 60;
   uint32_t uRefreshSec = 3600;
+  uint32_t uDrainPerSec = 100;  // 0: no limit
+  uint32_t uConnections = 2;
   size_t uMaxMessage = kDefaultMaxMessage;
 };
 

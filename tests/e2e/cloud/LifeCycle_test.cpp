@@ -43,7 +43,7 @@ TEST_F(CLifeCycle, Arguments_AreChecked) {
   char szText[4] = "abc";
   EXPECT_EQ(zxcloud_getopt(szText, 0), kZxcloudErrArgument);
   EXPECT_EQ(zxcloud_getopt(szText, 4), 0u);
-  EXPECT_STREQ(szText, "mid");  // cut, and ended
+  EXPECT_STREQ(szText, "lin");  // cut, and ended
 }
 
 TEST_F(CLifeCycle, Configuration_IsRefusedWithItsReason) {

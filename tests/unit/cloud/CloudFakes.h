@@ -54,7 +54,7 @@ class CFakeTransport : public zxcloud::IMqttTransport {
     bOpen = false;
   }
   int Descriptor() const override { return -1; }
-  bool WantWrite() const override { return false; }
+  bool WantWrite() const override { return bFull; }
   void OnIo(bool, bool, bool) override {
     if (bPublishFails)
       events.OnClosed(zxcloud::EMqttFailure::Network, "publish failed");
@@ -77,6 +77,7 @@ class CFakeTransport : public zxcloud::IMqttTransport {
   zxcloud::EMqttFailure eOpenFailure = zxcloud::EMqttFailure::Network;
   bool bOpen = false;
   bool bPublishFails = false;
+  bool bFull = false;  // the socket takes no more
   bool bClosedPolitely = false;
   uint32_t uTicks = 0;
 };

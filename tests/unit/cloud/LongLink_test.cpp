@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "CloudFakes.h"
+#include "LongLinkFixture.h"
 #include "support/Waiter.h"
 
 using namespace zxcloud;
@@ -14,63 +15,7 @@ using ::testing::HasSubstr;
 
 namespace {
 
-class CLongLinkTest : public ::testing::Test {
- protected:
-  CLongLinkTest() : m_callbacks(CCallbackLog::Record()) {
-    CCallbackLog::Events().clear();
-    EXPECT_TRUE(m_link.Init());
-  }
-
-  static bool Resolve(const std::string& strHost, std::vector<std::string>& list, std::string& strError) {
-    if (strHost == "two.example")
-      list = {"10.0.0.1", "10.0.0.2"};
-    else
-      strError = "name not resolved: no such name";
-    return !list.empty();
-  }
-  void Turn(int iTurns = 1) {
-    for (int i = 0; i < iTurns; ++i)
-      m_link.RunOnce(0);
-  }
-  void Configure(const std::string& strAddresses) {
-    m_link.Configure({ParseAddressList(strAddresses, kMqttsPort, false), "m-1", 30, 0});
-    Turn();
-  }
-  void ComeUp() {
-    m_pTransport->events.OnTcpUp();
-    m_pTransport->events.OnConnack();
-    m_pTransport->events.OnSubscribed();
-    Turn();
-  }
-  void Add(int iPriority, size_t uBytes = 10) {
-    ++m_u64Seq;
-    const std::string strId = "id" + std::to_string(m_u64Seq);
-    ASSERT_TRUE(m_outbox.Add(MakeOutItem(m_u64Seq, iPriority, strId, std::string(uBytes, 'x'))));
-  }
-  void Advance(uint64_t u64Ms) {
-    m_clock.Advance(u64Ms);
-    Turn(2);
-  }
-
-  _LinkTimes m_times;
-  CFakeClock m_clock;
-  CFakeRandom m_random;
-  CMemoryOutbox m_outbox{64u << 20, m_clock};
-  CWaiters m_waiters;
-  CCallbacks m_callbacks;
-  CCloudLog m_log{m_callbacks};
-  CFakeTransport* m_pTransport = nullptr;
-  uint32_t m_uDown = 0;
-  uint64_t m_u64Seq = 0;
-  CLongLink m_link{
-      {m_times, m_clock, m_random, m_outbox, m_waiters, m_callbacks, m_log, [this] { ++m_uDown; }},
-      [this](IMqttEvents& events) {
-        auto pTransport = std::make_unique<CFakeTransport>(events);
-        m_pTransport = pTransport.get();
-        return pTransport;
-      },
-      Resolve};
-};
+class CLongLinkTest : public CLongLinkFixture {};
 
 }  // namespace
 
@@ -93,10 +38,11 @@ TEST_F(CLongLinkTest, Configure_OpensWithTheProtocolsNames) {
   EXPECT_GT(m_link.DownSince(), 0u);
   ComeUp();
   EXPECT_TRUE(m_link.IsUp());
-  EXPECT_EQ(m_link.UpAddress(), "127.0.0.1:1883");
-  EXPECT_THAT(CCallbackLog::Events(),
-              ElementsAre(HasSubstr("log 1 zxcloud long connection up"),
-                          "data 2 10.0.0.1:4000;127.0.0.1:1883", "connect 127.0.0.1 1883"));
+  EXPECT_EQ(m_link.Status().strUpAddress, "127.0.0.1:1883");
+  EXPECT_THAT(
+      CCallbackLog::Events(),
+      ElementsAre(HasSubstr("log 1 zxcloud long connection up"), "data 2 10.0.0.1:4000;127.0.0.1:1883",
+                  "connect 127.0.0.1 1883", HasSubstr("log 0 zxcloud upload connection up")));
 }
 
 TEST_F(CLongLinkTest, Names_AreResolvedAside_AndEachAddressIsTried) {
@@ -157,17 +103,17 @@ TEST_F(CLongLinkTest, Pump_FillsTheWindowInMessages_AndKeepsRoomForUrgentOnes) {
   for (int i = 0; i < 100; ++i)
     Add(3);
   Turn();
-  EXPECT_EQ(m_pTransport->published.size(), kWindowMessages - kReserveMessages);
+  EXPECT_EQ(m_pTransport->published.size(), kCommandWindow.uMessages - kCommandWindow.uReserveMessages);
   for (int i = 0; i < 20; ++i)
     Add(0);
   Turn();
-  EXPECT_EQ(m_pTransport->published.size(), kWindowMessages);
+  EXPECT_EQ(m_pTransport->published.size(), kCommandWindow.uMessages);
   EXPECT_EQ(m_pTransport->published.back().strTopic, "zx/v1/m-1/up/0");
   const uint64_t u64Token = m_pTransport->published[0].u64Token;
   m_pTransport->events.OnAck(u64Token);
   m_pTransport->events.OnAck(u64Token);  // a second one changes nothing
   Turn();
-  EXPECT_EQ(m_pTransport->published.size(), kWindowMessages + 1u);
+  EXPECT_EQ(m_pTransport->published.size(), kCommandWindow.uMessages + 1);
   EXPECT_EQ(m_pTransport->published.back().strTopic, "zx/v1/m-1/up/0");
 }
 
@@ -176,11 +122,59 @@ TEST_F(CLongLinkTest, Pump_BoundsTheWindowInBytes_ButLetsOneLargeMessageGo) {
   ComeUp();
   for (int i = 0; i < 3; ++i)
     Add(2, 6u << 20);
-  Turn();
-  ASSERT_EQ(m_pTransport->published.size(), 1u);
-  m_pTransport->events.OnAck(m_pTransport->published[0].u64Token);
-  Turn();
-  EXPECT_EQ(m_pTransport->published.size(), 2u);
+  Turn(3);
+  ASSERT_EQ(m_pBulk->published.size(), 1u);
+  m_pBulk->events.OnAck(m_pBulk->published[0].u64Token);
+  Turn(3);
+  EXPECT_EQ(m_pBulk->published.size(), 2u);
+}
+
+TEST_F(CLongLinkTest, Pump_BoundsTheCommandsWindowInBytes) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  for (int i = 0; i < 70; ++i)
+    Add(1, kCommandBytes);
+  for (int i = 0; i < 20; ++i)
+    Add(10, kCommandBytes);
+  Turn(10);
+  size_t uBytes = 0;
+  for (const auto& one : m_pTransport->published)
+    uBytes += one.strPayload.size();
+  EXPECT_LE(uBytes, kCommandWindow.uBytes);
+  EXPECT_GT(uBytes, kCommandWindow.uBytes - 2 * kCommandBytes);
+  EXPECT_EQ(m_pTransport->published.back().strTopic, "zx/v1/m-1/up/10");
+}
+
+TEST_F(CLongLinkTest, Pump_KeepsTheOrderOfPriorities_WhateverTheFlood) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  for (int i = 0; i < 500; ++i)
+    Add(3);
+  Turn(3);
+  for (const int iPriority : {2, 1, 0})
+    Add(iPriority);
+  const size_t uBefore = m_pTransport->published.size();
+  for (size_t i = 0; i < 12; ++i)
+    m_pTransport->events.OnAck(m_pTransport->published[i].u64Token);
+  Turn(3);
+  std::vector<std::string> list = Topics(*m_pTransport);
+  list.erase(list.begin(), list.begin() + static_cast<long>(uBefore));
+  ASSERT_GE(list.size(), 4u);
+  list.resize(4);
+  EXPECT_THAT(list, ElementsAre("zx/v1/m-1/up/0", "zx/v1/m-1/up/1", "zx/v1/m-1/up/2", "zx/v1/m-1/up/3"));
+}
+
+TEST_F(CLongLinkTest, Pump_HandsNothingOver_WhileTheSocketIsFull) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  m_pTransport->bFull = true;
+  Add(3);
+  Turn(3);
+  EXPECT_TRUE(m_pTransport->published.empty());
+  Add(0);  // more urgent than what has not gone yet
+  m_pTransport->bFull = false;
+  Turn(3);
+  EXPECT_THAT(Topics(*m_pTransport), ElementsAre("zx/v1/m-1/up/0", "zx/v1/m-1/up/3"));
 }
 
 TEST_F(CLongLinkTest, Acknowledgement_CompletesTheBlockingSender) {
@@ -248,15 +242,41 @@ TEST_F(CLongLinkTest, AcknowledgementAge_BearsWithASlowLine) {
   ComeUp();
   for (int i = 0; i < 3; ++i)
     Add(1, 1u << 20);
-  Turn();
-  ASSERT_EQ(m_pTransport->published.size(), 3u);
+  Turn(5);
+  ASSERT_EQ(m_pBulk->published.size(), 3u);
   for (const uint64_t u64Seq : {1, 2}) {
-    Advance(80000);  // a megabyte at 13 KB a second
-    ASSERT_TRUE(m_link.IsUp());
-    m_pTransport->events.OnAck(u64Seq);
+    Advance(40000);
+    Advance(40000);  // a megabyte at 13 KB a second, taken piece by piece
+    ASSERT_TRUE(m_link.Status().bBulkUp);
+    m_pBulk->events.OnAck(u64Seq);
   }
   Advance(m_times.dwAckAge + (1u << 20) / 16 + 100);
+  EXPECT_FALSE(m_link.Status().bBulkUp);
+  EXPECT_TRUE(m_link.IsUp());
+}
+
+TEST_F(CLongLinkTest, Silence_EndsAConnection_WithinAMinute) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  Advance(37000);
+  Silence(52000);
+  EXPECT_TRUE(m_link.IsUp());
+  Silence(1000);
   EXPECT_FALSE(m_link.IsUp());
+  EXPECT_EQ(
+      CCallbackLog::Count("log 2 *zxcloud long connection lost addr[127.0.0.1:1] reason[no sign of life"),
+      1u);
+  EXPECT_EQ(m_errors.Last(), "127.0.0.1:1: no sign of life from the far side");
+}
+
+TEST_F(CLongLinkTest, Silence_CountsForTheUploadConnectionToo) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  m_clock.Advance(53000);
+  m_pTransport->events.OnAlive();
+  Turn(2);
+  EXPECT_TRUE(m_link.IsUp());
+  EXPECT_FALSE(m_link.Status().bBulkUp);
 }
 
 TEST_F(CLongLinkTest, Tick_ComesAtAQuarterOfTheKeepAlive) {
@@ -266,8 +286,10 @@ TEST_F(CLongLinkTest, Tick_ComesAtAQuarterOfTheKeepAlive) {
   EXPECT_EQ(m_pTransport->uTicks, 0u);
   Advance(1);
   EXPECT_EQ(m_pTransport->uTicks, 1u);
+  EXPECT_EQ(m_pBulk->uTicks, 1u);  // in the same wake-up
   Advance(7500);
   EXPECT_EQ(m_pTransport->uTicks, 2u);
+  EXPECT_EQ(m_pBulk->uTicks, 2u);
 }
 
 TEST_F(CLongLinkTest, Offline_LogsOncePerMinute) {
@@ -307,6 +329,7 @@ TEST_F(CLongLinkTest, Stop_MarksTheMachineOfflineWithoutACallback) {
   m_link.Stop();
   m_link.Run();
   EXPECT_TRUE(m_pTransport->bClosedPolitely);
+  EXPECT_FALSE(m_pBulk->bOpen);
   EXPECT_FALSE(m_link.IsUp());
   EXPECT_EQ(CCallbackLog::Count("disconnect"), 0u);
 }

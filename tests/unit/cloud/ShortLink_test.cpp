@@ -77,6 +77,7 @@ class CShortLinkTest : public ::testing::Test, public IShortPeer {
   CWaiters m_waiters;
   CCallbacks m_callbacks;
   CCloudLog m_log{m_callbacks};
+  CLinkErrors m_errors;
   CFakeHttp m_http;
   std::map<std::string, _HttpAnswer> m_answers;
   _CloudOptions m_options;
@@ -85,8 +86,9 @@ class CShortLinkTest : public ::testing::Test, public IShortPeer {
   uint64_t m_u64LongDown = 0;
   uint32_t m_uLongWoken = 0;
   uint64_t m_u64Seq = 0;
-  CShortLink m_link{{m_times, m_clock, m_random, m_outbox, m_waiters, m_callbacks, m_log, m_http, *this},
-                    {ParseAddressList("t1:1,t2:2", kHttpsPort, false), "channel", false}};
+  CShortLink m_link{
+      {m_times, m_clock, m_random, m_outbox, m_waiters, m_callbacks, m_log, m_errors, m_http, *this},
+      {ParseAddressList("t1:1,t2:2", kHttpsPort, false), "channel", false}};
 };
 
 }  // namespace

@@ -10,7 +10,8 @@ TEST(TconfAnswer, Parse_TakesEverything) {
   _TconfAnswer answer;
   std::string strError;
   ASSERT_TRUE(ParseTconf(R"({"v":1,"pcid":"a,b,1|c,d,2","short":"s:1,t","long":"l:2,m","lb":"opaque",
-      "keepalive_sec":45,"spread_sec":10,"refresh_sec":120,"max_message_bytes":2048,"future":{}})",
+      "keepalive_sec":45,"spread_sec":10,"refresh_sec":120,"max_message_bytes":2048,
+      "drain_per_sec":7,"connections":1,"future":{}})",
                          false, answer, strError))
       << strError;
   EXPECT_EQ(answer.strPcid, "a,b,1|c,d,2");
@@ -22,6 +23,8 @@ TEST(TconfAnswer, Parse_TakesEverything) {
   EXPECT_EQ(answer.uSpreadSec, 10u);
   EXPECT_EQ(answer.uRefreshSec, 120u);
   EXPECT_EQ(answer.uMaxMessage, 2048u);
+  EXPECT_EQ(answer.uDrainPerSec, 7u);
+  EXPECT_EQ(answer.uConnections, 1u);
 }
 
 TEST(TconfAnswer, Parse_HasDefaults) {
@@ -34,24 +37,32 @@ TEST(TconfAnswer, Parse_HasDefaults) {
   EXPECT_EQ(answer.uSpreadSec, 60u);
   EXPECT_EQ(answer.uRefreshSec, 3600u);
   EXPECT_EQ(answer.uMaxMessage, 8388608u);
+  EXPECT_EQ(answer.uDrainPerSec, 100u);
+  EXPECT_EQ(answer.uConnections, 2u);
 }
 
 TEST(TconfAnswer, Parse_BringsNumbersIntoTheirRange) {
   _TconfAnswer answer;
   std::string strError;
-  ASSERT_TRUE(ParseTconf(R"({"v":1,"keepalive_sec":1,"spread_sec":-1,"refresh_sec":1,"max_message_bytes":0})",
+  ASSERT_TRUE(ParseTconf(R"({"v":1,"keepalive_sec":1,"spread_sec":-1,"refresh_sec":1,"max_message_bytes":0,
+      "drain_per_sec":-1,"connections":0})",
                          false, answer, strError));
   EXPECT_EQ(answer.iKeepAliveSec, 10);
   EXPECT_EQ(answer.uSpreadSec, 0u);
   EXPECT_EQ(answer.uRefreshSec, 60u);
   EXPECT_EQ(answer.uMaxMessage, 1024u);
+  EXPECT_EQ(answer.uDrainPerSec, 0u);
+  EXPECT_EQ(answer.uConnections, 1u);
   ASSERT_TRUE(ParseTconf(
-      R"({"v":1,"keepalive_sec":1e99,"spread_sec":1e99,"refresh_sec":1e99,"max_message_bytes":1e99})", false,
-      answer, strError));
+      R"({"v":1,"keepalive_sec":1e99,"spread_sec":1e99,"refresh_sec":1e99,"max_message_bytes":1e99,
+      "drain_per_sec":1e99,"connections":3})",
+      false, answer, strError));
   EXPECT_EQ(answer.iKeepAliveSec, 600);
   EXPECT_EQ(answer.uSpreadSec, 600u);
   EXPECT_EQ(answer.uRefreshSec, 86400u);
   EXPECT_EQ(answer.uMaxMessage, 268435456u);
+  EXPECT_EQ(answer.uDrainPerSec, 1000000u);
+  EXPECT_EQ(answer.uConnections, 2u);
 }
 
 TEST(TconfAnswer, Parse_RefusesWithItsReason_AndLeavesTheAnswerAlone) {

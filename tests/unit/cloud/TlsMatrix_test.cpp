@@ -132,6 +132,7 @@ class CMqttSide : public IClient, private IMqttEvents {
   }
   void OnAck(uint64_t) override {}
   void OnPush(std::string_view, std::string_view) override {}
+  void OnAlive() override {}
   void End(_Outcome outcome) {
     m_outcome = std::move(outcome);
     m_bEnded = true;
@@ -449,6 +450,7 @@ TEST(TlsPlain, Mqtt_GoesToLoopbackOnly) {
     void OnClosed(EMqttFailure, const std::string&) override {}
     void OnAck(uint64_t) override {}
     void OnPush(std::string_view, std::string_view) override {}
+    void OnAlive() override {}
   } nobody;
   const _TlsSettings tls;
   CMosquittoTransport transport(tls, nobody);
