@@ -160,7 +160,7 @@ std::string CBrokerLink::FailureText(int iCode) const {
   const long lVerdict = pSsl != nullptr ? SSL_get_verify_result(pSsl) : X509_V_OK;
   if (lVerdict != X509_V_OK)
     return std::string("certificate refused: ") + X509_verify_cert_error_string(lVerdict);
-  return mosquitto_strerror(iCode);
+  return iCode == MOSQ_ERR_KEEPALIVE ? "no answer to the keep-alive" : mosquitto_strerror(iCode);
 }
 
 void CBrokerLink::OnConnect(mosquitto*, void* pThis, int iCode) {
