@@ -179,13 +179,14 @@ void CBusLink::OnOwnerGone(const char* pszOwner) {
 }
 
 void CBusLink::Work(uint64_t u64NowNs) {
+  const bool bClosing = m_bClosing.load();  // read first: what was queued before it is taken below
   TakeQueued();
   if (Bus() != nullptr) {
     SyncTypes();
     WriteOut();
     ExpireHeld(u64NowNs);
   }
-  if (!m_bClosing.load())
+  if (!bClosing)
     return;
   if (m_u64CloseDueNs == kNever)
     m_u64CloseDueNs = u64NowNs + kCloseNs;

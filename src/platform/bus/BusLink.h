@@ -26,6 +26,7 @@ class CBusEndpoint;
 
 // What is under way to one target.
 struct CBusRemoteTarget {
+  GUID guid;
   std::string strName;
   CBusQueue waiting;
   size_t uCalls = 0;  // given to the daemon and not answered, whether or not somebody still waits
@@ -119,6 +120,7 @@ class CBusLink final : public CBusWire, public IBusPeer {
   void EndCall(CBusCall& call, uint32_t uiResult);
   static int OnReply(sd_bus_message* pMessage, void* pCall, sd_bus_error* pError);
   void Answered(CBusCall& call, sd_bus_message* pMessage);
+  bool MayAnswer(sd_bus_message* pMessage, const GUID& guidTarget) TS_EXCLUDES(m_cs);
 
   // Incoming (BusLinkReceive.cpp).
   static int FindObject(sd_bus* pBus, const char* pszPath, const char* pszInterface, void* pSelf,

@@ -137,8 +137,10 @@ void CBusLink::WriteOut() {
 
 CBusRemoteTarget& CBusLink::TargetOf(const GUID& guid) {
   CBusRemoteTarget& target = m_targets[guid];
-  if (target.strName.empty())
+  if (target.strName.empty()) {
+    target.guid = guid;
     target.strName = BusNameOf(guid);
+  }
   return target;
 }
 
@@ -304,6 +306,16 @@ int CBusLink::OnReply(sd_bus_message* pMessage, void* pCall, sd_bus_error*) {
   return 1;
 }
 
+// A daemon with a lax policy lets anybody answer anything; the serial alone is no proof.
+bool CBusLink::MayAnswer(sd_bus_message* pMessage, const GUID& guidTarget) {
+  const char* pszSender = sd_bus_message_get_sender(pMessage);
+  if (pszSender == nullptr || *pszSender != ':')
+    return true;  // the daemon's own word, or the connection's end
+  GUID guid;
+  CCritLock lock(m_cs);
+  return m_owners.GuidOf(pszSender, guid) && guid == guidTarget;
+}
+
 void CBusLink::Answered(CBusCall& call, sd_bus_message* pMessage) {
   if (!call.bInFlight)
     return;
@@ -317,7 +329,10 @@ void CBusLink::Answered(CBusCall& call, sd_bus_message* pMessage) {
   uint32_t uiType = 0;
   const void* pData = nullptr;
   size_t uLength = 0;
-  if (const sd_bus_error* pError = sd_bus_message_get_error(pMessage)) {
+  if (!MayAnswer(pMessage, target.guid)) {
+    m_figures.u64Denied.fetch_add(1, std::memory_order_relaxed);
+    EndCall(call, kBusErrDenied);
+  } else if (const sd_bus_error* pError = sd_bus_message_get_error(pMessage)) {
     EndCall(call, BusResultOfError(pError->name));
   } else if (sd_bus_message_has_signature(pMessage, "iuay") <= 0 ||
              sd_bus_message_read(pMessage, "iu", &iStatus, &uiType) <= 0 ||
