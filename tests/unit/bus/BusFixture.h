@@ -109,7 +109,7 @@ class CReceiver : public IMRReceiveComplete {
       m_fn(received);
   }
 
-  bool Wait(uint32_t uCount = 1) { return m_arrived.Wait(uCount); }
+  bool Wait(uint32_t uCount = 1, uint32_t dwMs = kTestDeadlineMs) { return m_arrived.Wait(uCount, dwMs); }
   size_t Count() {
     const std::lock_guard lock(m_mutex);
     return m_all.size();
@@ -159,7 +159,7 @@ class CCompletion : public IMRSendComplete {
       m_fn(completed);
   }
 
-  bool Wait(uint32_t uCount = 1) { return m_arrived.Wait(uCount); }
+  bool Wait(uint32_t uCount = 1, uint32_t dwMs = kTestDeadlineMs) { return m_arrived.Wait(uCount, dwMs); }
   size_t Count() {
     const std::lock_guard lock(m_mutex);
     return m_all.size();

@@ -79,12 +79,23 @@ std::vector<std::string> CChild::Lines() {
   return m_lines;
 }
 
+bool CChild::HasEnded() {
+  const std::lock_guard lock(m_mutex);
+  return m_bEnd;
+}
+
 size_t CChild::Count(const std::string& strPrefix) {
   const std::lock_guard lock(m_mutex);
   size_t uCount = 0;
   for (const auto& str : m_lines)
     uCount += str.rfind(strPrefix, 0) == 0 ? 1 : 0;
   return uCount;
+}
+
+void CChild::Stop() const {
+  int iStatus = 0;
+  kill(m_pid, SIGSTOP);
+  waitpid(m_pid, &iStatus, WUNTRACED);
 }
 
 int CChild::Wait() {

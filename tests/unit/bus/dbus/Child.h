@@ -26,8 +26,10 @@ class CChild {
   std::vector<std::string> Lines();
   size_t Count(const std::string& strPrefix);
   void Signal(int iSignal) const { kill(m_pid, iSignal); }
-  int Wait();  // status of waitpid
+  void Stop() const;  // returns once it has stopped
+  int Wait();         // status of waitpid
   void CloseInput();
+  bool HasEnded();  // closed its output
   pid_t Pid() const { return m_pid; }
 
  private:

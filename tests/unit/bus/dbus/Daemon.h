@@ -15,7 +15,7 @@ class CDaemon {
 
   bool Start();  // also again after Kill
   void Kill();
-  void Stop() { m_child->Signal(SIGSTOP); }
+  void Stop() { m_child->Stop(); }
   void Continue() { m_child->Signal(SIGCONT); }
   std::string Address() const { return "unix:path=" + m_strSocket; }
   pid_t Pid() const { return m_child->Pid(); }

@@ -39,8 +39,22 @@ class CStateLog {
   std::vector<std::pair<uint32_t, std::string>> m_states;
 };
 
+// A completion that outlives a case which gave up on it.
+struct CAnswer final : IMRSendComplete {
+  void SendCallback(unsigned int iRetReply, long, const unsigned char*, unsigned int, unsigned long long,
+                    void*) override {
+    const auto self = std::move(m_self);
+    m_uiStatus = iRetReply;
+    m_arrived.Set();
+  }
+  std::shared_ptr<CAnswer> m_self;
+  std::atomic<uint32_t> m_uiStatus{0};
+  CEventWaiter m_arrived;
+};
+
 class DbusTest : public ::testing::Test {
  public:
+  explicit DbusTest(bool bOpen = true, const std::string& strPolicy = "") : m_daemon(bOpen, strPolicy) {}
   ~DbusTest() override { ZxBusDisconnect(); }
 
  protected:
@@ -77,6 +91,34 @@ class DbusTest : public ::testing::Test {
       return uiResult != kBusErrNoTarget && uiResult != kBusErrGone;
     });
     return uiResult;
+  }
+
+  static std::string Stats() {
+    uint32_t uiNeeded = 0;
+    std::string str(4096, '\0');
+    while (ZxBusStats(str.data(), static_cast<uint32_t>(str.size()), &uiNeeded) == kBusErrTooLong)
+      str.resize(uiNeeded + 256);
+    str.resize(uiNeeded - 1);
+    return str;
+  }
+  // A figure of one component of this process; -1: not there.
+  static long Figure(const GUID& guid, const std::string& strName) {
+    return FigureIn(Stats(), guid, strName);
+  }
+  static long FigureIn(const std::string& strStats, const GUID& guid, const std::string& strName) {
+    const size_t uComponent = strStats.find("{\"guid\":\"" + TextOf(guid) + "\"");
+    const size_t uEnd = strStats.find('}', uComponent);
+    const std::string strKey = "\"" + strName + "\":";
+    const size_t uFigure = uComponent != std::string::npos ? strStats.find(strKey, uComponent) : uComponent;
+    return uFigure < uEnd ? std::strtol(strStats.c_str() + uFigure + strKey.size(), nullptr, 10) : -1;
+  }
+  // One request that must be answered, as a sign that the peer is served.
+  static void Converse(const CComponent& from, const GUID& to) {
+    auto answer = std::make_shared<CAnswer>();
+    answer->m_self = answer;
+    ASSERT_EQ(SendWhenKnown(from, to, kReversed, "abc", answer.get()), 0u);
+    ASSERT_TRUE(answer->m_arrived.Wait());
+    EXPECT_EQ(answer->m_uiStatus, 7u);
   }
 
   uint32_t m_uiMaxSendBytes = 0;

@@ -92,20 +92,12 @@ TEST_F(DbusHostTest, FiguresNameComponentsAndPeers) {
   CComponent own;
   const GUID guidPeer = NewGuid();
   const auto peer = MakePeer(guidPeer);
-  const auto stats = [] {
-    uint32_t uiNeeded = 0;
-    EXPECT_EQ(ZxBusStats(nullptr, 0, &uiNeeded), uint32_t{kBusErrTooLong});
-    std::string str(uiNeeded + 256, '\0');
-    EXPECT_EQ(ZxBusStats(str.data(), static_cast<uint32_t>(str.size()), &uiNeeded), 0u);
-    str.resize(uiNeeded - 1);
-    return str;
-  };
   EXPECT_TRUE(EventuallyTrue([&] {
-    return stats().find("\"pid\":" + std::to_string(peer->Pid())) != std::string::npos;
-  })) << stats();
-  EXPECT_NE(stats().find("{\"guid\":\"" + TextOf(own.Guid()) + "\",\"queued\":0"), std::string::npos)
-      << stats();
-  EXPECT_NE(stats().find("{\"guid\":\"" + TextOf(guidPeer) + "\",\"unique_name\":\":1."), std::string::npos);
+    return Stats().find("\"pid\":" + std::to_string(peer->Pid())) != std::string::npos;
+  })) << Stats();
+  EXPECT_NE(Stats().find("{\"guid\":\"" + TextOf(own.Guid()) + "\",\"queued\":0"), std::string::npos)
+      << Stats();
+  EXPECT_NE(Stats().find("{\"guid\":\"" + TextOf(guidPeer) + "\",\"unique_name\":\":1."), std::string::npos);
 }
 
 }  // namespace

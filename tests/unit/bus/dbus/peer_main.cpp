@@ -33,14 +33,16 @@ class CPeer final : public IMRReceiveComplete, public IMRSendComplete {
   void ReceiveCallback(const GUID& recvGuid, long i64MsgType, const unsigned char* pData,
                        unsigned int uiDataLength, void* pBatonData, void* pContext) override {
     std::string strData(reinterpret_cast<const char*>(pData), uiDataLength);
+    if (i64MsgType == 2) {
+      const std::lock_guard lock(m_mutex);
+      m_batons.push_back(pBatonData);
+    }
     Say("recv %ld from %s bytes %u baton %d text %.40s", i64MsgType, recvGuid.ToUpper().c_str(), uiDataLength,
         pBatonData != nullptr ? 1 : 0, strData.c_str());
     auto* pBus = static_cast<IBusContext*>(pContext);
     if (i64MsgType == 1) {
       std::reverse(strData.begin(), strData.end());
       Answer(pBus, 7, i64MsgType + 1, strData, pBatonData);
-    } else if (i64MsgType == 2) {
-      m_batons.push_back(pBatonData);
     } else if (i64MsgType == 4) {
       Answer(pBus, 0, 4, "", pBatonData);
     } else if (i64MsgType == 5) {
@@ -52,9 +54,13 @@ class CPeer final : public IMRReceiveComplete, public IMRSendComplete {
     Say("done %x type %ld bytes %u", iRetReply, i64MsgType, uiLength);
   }
   void AnswerLate(IBusContext* pBus) {
-    for (void* pBaton : m_batons)
+    std::vector<void*> batons;
+    {
+      const std::lock_guard lock(m_mutex);
+      batons.swap(m_batons);
+    }
+    for (void* pBaton : batons)
       Say("late %x", pBus->Reply(9, 2, "late", 4, pBaton));
-    m_batons.clear();
   }
 
  private:
@@ -67,7 +73,8 @@ class CPeer final : public IMRReceiveComplete, public IMRSendComplete {
     if (uiResult != 0)
       Say("reply refused %x", uiResult);
   }
-  std::vector<void*> m_batons;  // the dispatcher's; read by main when the test knows that it is idle
+  std::mutex m_mutex;
+  std::vector<void*> m_batons;
 };
 
 void OnState(uint32_t uiState, const char* pszText, void*) {
