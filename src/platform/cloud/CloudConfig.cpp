@@ -18,6 +18,8 @@ using zxtools::CPJsonParse;
 
 constexpr size_t kMinQueueBytes = 64u << 10;
 constexpr size_t kMaxQueueBytes = size_t{4} << 30;
+constexpr uint32_t kMinSpoolAgeSec = 60;
+constexpr uint32_t kMaxSpoolAgeSec = 366 * 86400;
 constexpr int kMaxPins = 16;
 
 std::string HomeOf(const std::string& strPath) {
@@ -26,6 +28,15 @@ std::string HomeOf(const std::string& strPath) {
     return strPath.substr(0, uEtc + 1);
   const size_t uSlash = strPath.rfind('/');
   return uSlash == std::string::npos ? std::string() : strPath.substr(0, uSlash + 1);
+}
+
+// Beside the settings of the home; a settings file elsewhere has its spool beside itself.
+std::string DefaultSpool(const std::string& strPath) {
+  constexpr std::string_view kFolder = "/etc/zxagent/";
+  const size_t uFolder = strPath.rfind(kFolder);
+  if (uFolder != std::string::npos)
+    return strPath.substr(0, uFolder + kFolder.size()) + "zxcloud.db";
+  return HomeOf(strPath) + "zxcloud.db";
 }
 
 // Reads members of one object; a member of the wrong type ends the reading with an error that names it.
@@ -60,6 +71,23 @@ class CMembers {
     uValue = static_cast<size_t>(
         std::clamp(pItem->valuedouble, double{kMinQueueBytes}, static_cast<double>(kMaxQueueBytes)));
     return true;
+  }
+  bool Seconds(const char* pszName, uint32_t uMin, uint32_t uMax, uint32_t& uValue) {
+    const cJSON* pItem = Item(pszName);
+    if (pItem == nullptr)
+      return true;
+    if (!cJSON_IsNumber(pItem))
+      return Wrong(pszName, "a number");
+    uValue = static_cast<uint32_t>(
+        std::clamp(pItem->valuedouble, static_cast<double>(uMin), static_cast<double>(uMax)));
+    return true;
+  }
+  bool Sync(const char* pszName, bool& bFull) {
+    std::string strValue = bFull ? "full" : "normal";
+    if (!Text(pszName, strValue))
+      return false;
+    bFull = strValue == "full";
+    return bFull || strValue == "normal" || Wrong(pszName, "\"full\" or \"normal\"");
   }
   bool Pins(const char* pszName, std::vector<std::string>& list) {
     const cJSON* pArray = Item(pszName);
@@ -105,12 +133,15 @@ bool ReadLinkSettings(CPJsonParse& json, const std::string& strHome, _CloudConfi
   if (!members.Text("ca_file", tls.strCaFile) || !members.Text("ca_path", tls.strCaPath) ||
       !members.Text("crl_file", tls.strCrlFile) || !members.Text("cert_file", tls.strCertFile) ||
       !members.Text("key_file", tls.strKeyFile) || !members.Text("proxy", config.strProxy) ||
-      !members.Text("db_path", config.strDbPath) ||
+      !members.Text("db_path", config.spool.strFile) ||
+      !members.Bytes("spool_bytes", config.spool.uMaxBytes) ||
+      !members.Seconds("spool_age_sec", kMinSpoolAgeSec, kMaxSpoolAgeSec, config.spool.uMaxAgeSec) ||
+      !members.Sync("spool_sync", config.spool.bFull) ||
       !members.Flag("plaintext_loopback", config.bPlainLoopback) ||
       !members.Bytes("max_queue_bytes", config.uMaxQueueBytes) || !members.Pins("pins", tls.listPins))
     return false;
   for (std::string* pFile : {&tls.strCaFile, &tls.strCaPath, &tls.strCrlFile, &tls.strCertFile,
-                             &tls.strKeyFile, &config.strDbPath})
+                             &tls.strKeyFile, &config.spool.strFile})
     MakeAbsolute(strHome, *pFile);
   if (tls.strCertFile.empty() != tls.strKeyFile.empty()) {
     strError = "cert_file and key_file belong together";
@@ -132,6 +163,8 @@ bool LoadCloudConfig(const std::string& strPath, const std::string& strOther, _C
   _CloudConfig loaded;
   if (!ReadLinkSettings(json, HomeOf(strPath), loaded, strError))
     return false;
+  if (loaded.spool.strFile.empty())
+    loaded.spool.strFile = DefaultSpool(strPath);
   std::string strUrl;
   if (const cJSON* pTconf = json.GetNode("tconf");
       pTconf != nullptr && !CMembers(pTconf, strError).Text("tconf_url", strUrl))

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "platform/cloud/CloudAddress.h"
+#include "platform/cloud/Spool.h"
 #include "platform/cloud/TlsPolicy.h"
 
 namespace zxcloud {
@@ -16,9 +17,9 @@ struct _CloudConfig {
   std::vector<_CloudAddress> listTconf;  // in the order in which they are tried; never empty when loaded
   _TlsSettings tls;
   bool bPlainLoopback = false;
-  std::string strProxy;  // may hold a password: never logged
-  size_t uMaxQueueBytes = kDefaultQueueBytes;
-  std::string strDbPath;
+  std::string strProxy;                        // may hold a password: never logged
+  size_t uMaxQueueBytes = kDefaultQueueBytes;  // in memory, for blocking callers
+  _SpoolSettings spool;                        // on disk, for the others
 };
 
 // Relative paths in the file count from the home: the part of strPath in front of "etc/zxagent/", or the

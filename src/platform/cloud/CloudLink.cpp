@@ -73,7 +73,11 @@ CCloudLink::CCloudLink(const zxcloud_record& record, _CloudConfig config, _Cloud
           {m_times, m_clock, m_randomShort, m_outbox, m_waiters, m_callbacks, m_log, m_errors, m_http, *this},
           {m_config.listTconf, record.channel_id == nullptr ? "" : record.channel_id,
            m_config.bPlainLoopback}),
+      m_spool({m_outbox, m_clock, m_wallClock, m_log, [this] { return NewId(++m_u64LastSeq); },
+               [this] { WakeSenders(); }},
+              m_config.spool),
       m_options(std::move(options)) {
+  m_outbox.SetSpool(&m_spool);
   m_log.SetDebug(m_options.bAllowDebug);
 }
 
@@ -100,7 +104,9 @@ uint32_t CCloudLink::Start() {
       }
     };
   };
-  int iError = m_threadIo.Start("zxcloudio", Guarded([this] { m_long.Run(); }));
+  int iError = m_threadSpool.Start("zxcloudspool", Guarded([this] { m_spool.Run(); }));
+  if (iError == 0)
+    iError = m_threadIo.Start("zxcloudio", Guarded([this] { m_long.Run(); }));
   if (iError == 0)
     iError = m_threadHttp.Start("zxcloudhttp", Guarded([this] { m_short.Run(); }));
   if (iError != 0) {
@@ -124,6 +130,10 @@ void CCloudLink::Stop() {
   m_long.Stop();
   m_threadHttp.Join();
   m_threadIo.Join();
+  // After those who deliver, so that what they delivered is deleted.
+  m_spool.Stop();
+  m_threadSpool.Join();
+  m_spool.Abandon();
   m_callbacks.Close();
 }
 
@@ -135,21 +145,21 @@ uint32_t CCloudLink::Accepts(std::string_view svData, int iPriority) const {
   return svData.size() > m_short.MaxMessage() ? uint32_t{kZxcloudErrTooLong} : 0;
 }
 
-uint32_t CCloudLink::Enqueue(std::string_view svData, int iPriority, uint64_t u64Seq, bool bWaited) {
-  const CPString strCounter = CPString::Make("%" PRIx64, u64Seq);
-  if (!m_outbox.Add(MakeOutItem(u64Seq, iPriority, m_strIdPrefix + strCounter.Str(), svData, bWaited)))
-    return kZxcloudErrFull;
+std::string CCloudLink::NewId(uint64_t u64Seq) const {
+  return m_strIdPrefix + CPString::Make("%" PRIx64, u64Seq).Str();
+}
+
+void CCloudLink::WakeSenders() {
   if (m_long.IsUp())
     m_long.Wake();
   else
     m_short.Wake();
-  return 0;
 }
 
 uint32_t CCloudLink::Send(std::string_view svData, int iPriority) {
   if (const uint32_t uiError = Accepts(svData, iPriority); uiError != 0)
     return uiError;
-  return Enqueue(svData, iPriority, ++m_u64LastSeq, false);
+  return m_spool.Append(svData, iPriority);
 }
 
 uint32_t CCloudLink::SendSync(std::string_view svData, int iPriority, uint32_t dwTimeoutMs) {
@@ -167,9 +177,10 @@ uint32_t CCloudLink::SendSync(std::string_view svData, int iPriority, uint32_t d
   };
   const uint64_t u64Seq = ++m_u64LastSeq;
   CWaiters::CWaiter waiter(m_waiters, u64Seq);
-  if (const uint32_t uiError = Enqueue(svData, iPriority, u64Seq, true); uiError != 0)
-    return uiError;
+  if (!m_outbox.Add(MakeOutItem(u64Seq, iPriority, NewId(u64Seq), svData, true)))
+    return kZxcloudErrFull;
   CGiveUp giveUp{m_outbox, u64Seq};
+  WakeSenders();
   const uint32_t uiResult = waiter.Wait(dwTimeoutMs, kZxcloudErrTimeout);
   giveUp.bArmed = uiResult == kZxcloudErrTimeout || uiResult == kZxcloudErrState;
   return uiResult;
@@ -251,7 +262,7 @@ std::string CCloudLink::State() {
       ":bulk=" + UpDown(longState.bBulkUp) + ":reconnects=" + std::to_string(longState.u64Reconnects) +
       ":waiting=" + std::to_string(outState.u64Waiting) + ":entries=" + std::to_string(outState.u64Entries) +
       ":bytes=" + std::to_string(outState.u64Bytes) + ":oldest_ms=" + std::to_string(outState.u64OldestMs) +
-      ":" + Options().Text();
+      m_spool.State().Text() + ":" + Options().Text();
   if (const std::string strError = m_errors.Last(); !strError.empty())
     strText += ":lasterror=" + OneLine(strError);
   return strText;

@@ -1,6 +1,6 @@
-// One initialised library: its parts, its two threads ("zxcloudio", "zxcloudhttp"), its life.
+// One initialised library: its parts, its threads ("zxcloudio", "zxcloudhttp", "zxcloudspool"), its life.
 // Threads: Start and Stop one after another; everything else from any thread while the object lives, also
-// during and after Stop (kZxcloudErrState). Stop returns with both threads joined, blocked callers released
+// during and after Stop (kZxcloudErrState). Stop returns with its threads joined, blocked callers released
 // and the callbacks closed; it must not be called from inside a callback.
 #pragma once
 
@@ -23,6 +23,7 @@
 #include "platform/cloud/LongLink.h"
 #include "platform/cloud/Outbox.h"
 #include "platform/cloud/ShortLink.h"
+#include "platform/cloud/Spool.h"
 #include "platform/cloud/Waiters.h"
 #include "platform/cloud/zxcloud.h"
 #include "platform/os/ThreadSafety.h"
@@ -41,6 +42,7 @@ class CCloudLink : private IShortPeer {
   uint32_t Start();
   void Stop();
 
+  // Waits until it is synced to disk; a cancellation point.
   uint32_t Send(std::string_view svData, int iPriority);
   // Waits for the acknowledgement; a cancellation point.
   uint32_t SendSync(std::string_view svData, int iPriority, uint32_t dwTimeoutMs);
@@ -60,7 +62,8 @@ class CCloudLink : private IShortPeer {
   uint64_t LongDownSince() override { return m_long.DownSince(); }
   void WakeLong() override { m_long.Wake(); }
 
-  uint32_t Enqueue(std::string_view svData, int iPriority, uint64_t u64Seq, bool bWaited);
+  std::string NewId(uint64_t u64Seq) const;
+  void WakeSenders();
   uint32_t Accepts(std::string_view svData, int iPriority) const;
   _HttpSettings HttpSettings() const;
   void ConfigureLong() TS_EXCLUDES(m_cs);
@@ -74,11 +77,14 @@ class CCloudLink : private IShortPeer {
   CCallbacks m_callbacks;
   CCloudLog m_log;
   CLinkErrors m_errors;
-  CMemoryOutbox m_outbox;
+  COutbox m_outbox;
   CWaiters m_waiters;
   CHttpClient m_http;
   CLongLink m_long;
   CShortLink m_short;
+  CSystemWallClock m_wallClock;
+  CSpool m_spool;
+  CCloudThread m_threadSpool;
   CCloudThread m_threadIo;
   CCloudThread m_threadHttp;
   std::atomic<bool> m_bStopped{false};

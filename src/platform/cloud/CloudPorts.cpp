@@ -1,6 +1,7 @@
 #include "platform/cloud/CloudPorts.h"
 
 #include <sys/random.h>
+#include <time.h>
 
 #include "platform/os/ZxTime.h"
 
@@ -8,6 +9,10 @@ namespace zxcloud {
 
 uint64_t CSystemClock::NowMs() {
   return ZxGetTickCount();
+}
+
+int64_t CSystemWallClock::NowSec() {
+  return time(nullptr);
 }
 
 CSystemRandom::CSystemRandom() : m_u64State(0) {

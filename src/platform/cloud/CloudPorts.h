@@ -11,6 +11,12 @@ class IClock {
   virtual uint64_t NowMs() = 0;  // monotonic milliseconds; ZxGetTickCount
 };
 
+class IWallClock {
+ public:
+  virtual ~IWallClock() = default;
+  virtual int64_t NowSec() = 0;  // of the epoch; may jump
+};
+
 class IRandom {
  public:
   virtual ~IRandom() = default;
@@ -20,6 +26,11 @@ class IRandom {
 class CSystemClock : public IClock {
  public:
   uint64_t NowMs() override;
+};
+
+class CSystemWallClock : public IWallClock {
+ public:
+  int64_t NowSec() override;
 };
 
 // Seeded from the kernel. One thread per object. Spreads load; not for secrets.

@@ -8,6 +8,7 @@ namespace zxcloud {
 namespace {
 
 constexpr uint32_t kIdleMs = 3600000;
+constexpr uint32_t kNotReadyMs = 1000;  // a wake-up comes when it is ready
 constexpr uint32_t kRefreshJitterPart = 10;
 constexpr size_t kUploadBytesPerMs = 64;  // slower than this is taken for a dead peer
 
@@ -101,8 +102,7 @@ uint32_t CShortLink::RunOnce() {
   }
   uint32_t dwWait = static_cast<uint32_t>(std::min<uint64_t>(m_u64TconfDue - u64Now, kIdleMs));
   if (UploadDue(u64Now, dwWait)) {
-    DoUpload();
-    return 0;
+    return DoUpload() ? 0 : kNotReadyMs;
   }
   return dwWait;
 }
@@ -309,13 +309,14 @@ bool CShortLink::UploadDue(uint64_t u64Now, uint32_t& dwWait) {
   return false;
 }
 
-void CShortLink::DoUpload() {
+// False: what waits is still to be read from the disk.
+bool CShortLink::DoUpload() {
   _OutRoom room;
   room.uMessages = 1;
   room.bIdle = true;
   const TOutItem pItem = m_ports.outbox.Take(room);
   if (pItem == nullptr)
-    return;
+    return false;
   _HttpRequest request = Request("POST", "/v1/upload", m_ports.peer.Options());
   request.listHeaders.push_back("Content-Type: application/octet-stream");
   request.listHeaders.push_back("X-Zx-Priority: " + std::to_string(pItem->iPriority));
@@ -325,12 +326,13 @@ void CShortLink::DoUpload() {
   const _HttpAnswer answer = ToShort(request);
   if (!answer.Ok()) {
     UploadFailed(*pItem, answer);
-    return;
+    return true;
   }
   m_backoffUpload.Reset();
   m_quietUpload.Reset();
   m_ports.outbox.Done(pItem->u64Seq);
   m_ports.waiters.Complete(pItem->u64Seq, 0);
+  return true;
 }
 
 void CShortLink::UploadFailed(const _OutItem& item, const _HttpAnswer& answer) {

@@ -95,7 +95,7 @@ class CShortLink {
   void TconfArrived(const _CloudAddress& address, const _HttpAnswer& answer, _TconfAnswer parsed);
   void ProbeShort();
   bool UploadDue(uint64_t u64Now, uint32_t& dwWait);
-  void DoUpload();
+  bool DoUpload();
   void UploadFailed(const _OutItem& item, const _HttpAnswer& answer);
   _HttpAnswer ToShort(const _HttpRequest& request);
   void NoteError(const _HttpAnswer& answer);

@@ -30,8 +30,9 @@ enum : uint32_t {
   kZxcloudErrTls = 0xC0010005,       // certificate or protocol refused; the log names which
   kZxcloudErrTimeout = 0xC0010006,   // not acknowledged within the time-out
   kZxcloudErrRefused = 0xC0010007,   // the far side answered with an error
-  kZxcloudErrFull = 0xC0010008,      // the outbound bound is reached
+  kZxcloudErrFull = 0xC0010008,      // the outbound bound is reached, or the disk is full
   kZxcloudErrTooLong = 0xC0010009,   // larger than the library sends
+  kZxcloudErrSpool = 0xC001000A,     // the spool's file cannot be used; the log names the reason
 };
 
 extern "C" {
@@ -61,8 +62,9 @@ ZX_API uint32_t zxcloud_getopt(char* buffer,
 // One more address (or list) of the configuration service, tried behind those of the file; "" for none.
 ZX_API uint32_t zxcloud_set_otherconnaddr(const char* address);
 ZX_API uint32_t zxcloud_tconf_check(const char* address);  // blocks up to 10 s
-// Priorities 0..3 and 10..13, 0 first. Non-blocking: accepted for delivery. Blocking: the far side has
-// acknowledged.
+// Priorities 0..3 and 10..13, 0 first. Non-blocking: 0 says that the message is synced to disk and will be
+// delivered, also after a crash; the call takes as long as the disk does, and an error keeps nothing.
+// Blocking: 0 says that the far side has acknowledged; nothing is written to disk.
 ZX_API uint32_t zxcloud_send(const char* data, int length, int priority);
 ZX_API uint32_t zxcloud_send_sync(const char* data, int length, int priority, int timeout_ms);
 ZX_API uint32_t zxcloud_send_pollmsg(const char* data, int length);  // blocks until answered (at most 30 s)

@@ -86,11 +86,12 @@ std::string_view CStatement::View(int iColumn) const {
 }
 
 CSqlite::~CSqlite() {
-  Close();
+  Close(false);
 }
 
 bool CSqlite::Open(const std::string& strFile, const _SqliteOptions& options) {
   m_iOpenErrno = 0;
+  m_bNoRoom = false;
   // A file that is there is not opened: closing it again would drop the locks of this process on it.
   const int iFd = open(strFile.c_str(), O_CREAT | O_EXCL | O_RDWR | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (iFd >= 0)
@@ -112,14 +113,18 @@ bool CSqlite::Open(const std::string& strFile, const _SqliteOptions& options) {
   const auto Number = [this](const char* pszPragma, int iValue) {
     return Exec((std::string("PRAGMA ") + pszPragma + "=" + std::to_string(iValue)).c_str());
   };
-  return (!options.bExclusive || Exec("PRAGMA locking_mode=EXCLUSIVE")) && Exec("PRAGMA journal_mode=WAL") &&
+  // How the file is laid out counts before its first page is written.
+  return (!options.bGiveBack || Exec("PRAGMA auto_vacuum=INCREMENTAL")) &&
+         (!options.bExclusive || Exec("PRAGMA locking_mode=EXCLUSIVE")) && Exec("PRAGMA journal_mode=WAL") &&
          Exec(options.bFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") &&
          Exec("PRAGMA foreign_keys=ON") && Number("journal_size_limit", options.bKeepWal ? -1 : 16777216) &&
          (options.bSpill || Exec("PRAGMA cache_spill=OFF")) && Number("cache_size", -options.iCacheKb) &&
          Number("wal_autocheckpoint", options.iCheckpointPages);
 }
 
-void CSqlite::Close() {
+void CSqlite::Close(bool bKeepLog) {
+  if (bKeepLog && m_pDb != nullptr)
+    sqlite3_db_config(m_pDb, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
   for (const auto& entry : m_mapStatements)
     sqlite3_finalize(entry.second);
   m_mapStatements.clear();
@@ -161,8 +166,9 @@ bool CSqlite::InTransaction() const {
 
 bool CSqlite::GrowTo(int64_t i64Bytes, int iChunkBytes) {
   sqlite3_int64 i64Size = i64Bytes;
-  return sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_CHUNK_SIZE, &iChunkBytes) == SQLITE_OK &&
-         sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_SIZE_HINT, &i64Size) == SQLITE_OK;
+  m_bNoRoom = sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_CHUNK_SIZE, &iChunkBytes) != SQLITE_OK ||
+              sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_SIZE_HINT, &i64Size) != SQLITE_OK;
+  return !m_bNoRoom;
 }
 
 void CSqlite::ReleaseMemory() {
@@ -170,6 +176,8 @@ void CSqlite::ReleaseMemory() {
 }
 
 const char* CSqlite::Error() const {
+  if (m_bNoRoom)
+    return "no room for the file to grow";
   return m_iOpenErrno != 0 ? strerrordesc_np(m_iOpenErrno) : sqlite3_errmsg(m_pDb);
 }
 
@@ -178,6 +186,8 @@ int CSqlite::Code() const {
 }
 
 EFailure CSqlite::Failure() const {
+  if (m_bNoRoom)
+    return EFailure::Full;
   if (m_iOpenErrno != 0)
     return m_iOpenErrno == ENOSPC || m_iOpenErrno == EDQUOT ? EFailure::Full : EFailure::Other;
   const int iCode = Code();

@@ -27,6 +27,7 @@ enum class EFailure {
 struct _SqliteOptions {
   bool bFull = true;        // synchronous FULL: a commit survives a power cut; NORMAL: a crash of the process
   bool bExclusive = false;  // nobody else may open it meanwhile, and no shared-memory file is made
+  bool bGiveBack = false;   // of a new file: IncrementalVacuum can return free pages
   bool bKeepWal = false;    // the log file keeps its size; otherwise cut to 16 MiB
   bool bSpill = true;       // a transaction larger than the cache may reach the file before its commit
   int iCacheKb = 2000;
@@ -71,14 +72,16 @@ class CSqlite {
 
   // Creates the file with mode 0600 when it is not there. Always WAL.
   bool Open(const std::string& strFile, const _SqliteOptions& options = {});
-  void Close();
+  // bKeepLog: without moving the log file into the database, and both stay as they are.
+  void Close(bool bKeepLog = false);
   bool Exec(const char* pszSql);
   CStatement Query(std::string_view svSql);
   int Changes() const;  // of the last statement
   int64_t TotalChanges() const;
   int64_t LastRowId() const;
   bool InTransaction() const;
-  // Makes the file at least this large now, in steps of the chunk, so that a later write finds its room.
+  // Makes the file at least this large now, in steps of the chunk, so that a later write finds its room. A
+  // failure counts as a full disk: the system refuses the blocks.
   bool GrowTo(int64_t i64Bytes, int iChunkBytes);
   void ReleaseMemory();  // the page cache
   const char* Error() const;
@@ -94,6 +97,7 @@ class CSqlite {
 
   sqlite3* m_pDb = nullptr;
   int m_iOpenErrno = 0;
+  bool m_bNoRoom = false;  // what failed last was GrowTo
   std::unordered_map<std::string, sqlite3_stmt*, CHash, std::equal_to<>> m_mapStatements;
 };
 

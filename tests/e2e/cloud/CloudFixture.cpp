@@ -159,7 +159,7 @@ uint32_t CCloudFixture::Init(bool bOnlyShort) {
 }
 
 std::string CCloudFixture::Option(const std::string& strKey) {
-  char szText[512] = "";
+  char szText[2048] = "";
   EXPECT_EQ(zxcloud_getopt(szText, sizeof(szText)), 0u);
   const std::string strText = ":" + std::string(szText);
   const size_t uKey = strText.find(":" + strKey + "=");

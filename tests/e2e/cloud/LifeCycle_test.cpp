@@ -149,8 +149,8 @@ TEST_F(CLifeCycle, Callbacks_RunOneAtATimeAndNeverAfterUninit) {
   EXPECT_FALSE(bOverlap.load());
 }
 
-TEST_F(CLifeCycle, QueueBound_RefusesBulkFirst_AndUrgentLast) {
-  WriteConfig("127.0.0.1:1", ",\"max_queue_bytes\":100000");
+TEST_F(CLifeCycle, SpoolBound_RefusesBulkFirst_AndUrgentLast) {
+  WriteConfig("127.0.0.1:1", ",\"spool_bytes\":100000");
   ASSERT_EQ(Init(true), 0u);
   const std::string strText(1000, 'x');
   uint32_t uiResult = 0;

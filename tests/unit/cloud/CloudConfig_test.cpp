@@ -46,7 +46,7 @@ TEST_F(CCloudConfigTest, Load_TakesEverything_WithPathsBelowTheHome) {
   EXPECT_TRUE(m_config.bPlainLoopback);
   EXPECT_EQ(m_config.strProxy, "http://p:1");
   EXPECT_EQ(m_config.uMaxQueueBytes, 1048576u);
-  EXPECT_EQ(m_config.strDbPath, strHome + "etc/zxagent/zxcloud.db");
+  EXPECT_EQ(m_config.spool.strFile, strHome + "etc/zxagent/zxcloud.db");
 }
 
 TEST_F(CCloudConfigTest, Load_HasDefaults_WithoutItsObject) {

@@ -72,7 +72,7 @@ class CLongLinkFixture : public ::testing::Test {
   zxcloud::_LinkTimes m_times;
   CFakeClock m_clock;
   CFakeRandom m_random;
-  zxcloud::CMemoryOutbox m_outbox{64u << 20, m_clock};
+  zxcloud::COutbox m_outbox{64u << 20, m_clock};
   zxcloud::CWaiters m_waiters;
   zxcloud::CCallbacks m_callbacks;
   zxcloud::CCloudLog m_log{m_callbacks};

@@ -32,7 +32,7 @@ class COutboxTest : public ::testing::Test {
   }
 
   CFakeClock m_clock;
-  CMemoryOutbox m_box{100000, m_clock};
+  COutbox m_box{100000, m_clock};
   uint64_t m_u64Seq = 0;
 };
 

@@ -73,7 +73,7 @@ class CShortLinkTest : public ::testing::Test, public IShortPeer {
   _LinkTimes m_times;
   CFakeClock m_clock;
   CFakeRandom m_random;
-  CMemoryOutbox m_outbox{1u << 20, m_clock};
+  COutbox m_outbox{1u << 20, m_clock};
   CWaiters m_waiters;
   CCallbacks m_callbacks;
   CCloudLog m_log{m_callbacks};

@@ -99,7 +99,7 @@ class CTlsRecovery : public ::testing::Test {
     _CloudConfig config;
     config.listTconf.push_back({"127.0.0.1", wTconfPort, false});
     config.tls.strCaFile = m_ca.File();
-    config.strDbPath = m_home.Path("zxcloud.db").Str();
+    config.spool.strFile = m_home.Path("zxcloud.db").Str();
     _CloudOptions options;
     options.Merge("mid=m-1:cloudtcp_disable=0");
     auto pLink = std::make_unique<CCloudLink>(m_record, config, options, m_times);
