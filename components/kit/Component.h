@@ -50,6 +50,7 @@ class CComponent : private IMRReceiveComplete {
   CComponent& operator=(const CComponent&) = delete;
 
   const char* GuidText() const { return m_pszGuid; }
+  HLog Log() const { return m_hLog; }  // null before Initialize
 
   // The host's calls, in their order.
   void Initialize(std::string strHome);
@@ -64,7 +65,6 @@ class CComponent : private IMRReceiveComplete {
   virtual void OnStop() {}                 // still on the bus
 
   IBusContext* Bus() const { return m_pBus; }
-  HLog Log() const { return m_hLog; }
   const std::string& Home() const { return m_strHome; }  // ends in "/"
 
  private:

@@ -1,5 +1,7 @@
 // Sample component: answers the command "disk_usage" and leaves what it found where a person can see it,
-// data/zxsample/disk_usage.json. Commands come from the task manager only.
+// data/zxsample/disk_usage.json; takes its part of an asset-collection policy, data/zxsample/assets.json, and
+// what the agent broadcasts when the client is ready, data/zxsample/client_ready.json. Commands come from the
+// task manager only.
 #include <sys/statvfs.h>
 
 #include <algorithm>
@@ -7,7 +9,7 @@
 #include <cmath>
 #include <filesystem>
 
-#include "kit/Component.h"
+#include "kit/ComponentMain.h"
 #include "kit/HandOff.h"
 #include "platform/doc/PJsonParse.h"
 #include "platform/os/ZxFile.h"
@@ -19,6 +21,8 @@ using zxtools::HJsonNode;
 namespace {
 
 constexpr uint32_t kCommandType = 20001;
+constexpr uint32_t kClientReadyType = 1006;
+constexpr char kAgentGuid[] = "ABC9A772-602C-45F4-9AAC-7096FD9BEDA4";
 constexpr char kTaskMgrGuid[] = "FAB922A8-736E-4CB5-A666-4FD849A3049A";
 constexpr size_t kMaxPathBytes = 4096;
 
@@ -65,10 +69,17 @@ class CSample final : public CComponent {
  public:
   static constexpr char kGuid[] = "5A3B7C1E-2D4F-4A6B-8C9D-0E1F2A3B4C5D";
 
-  CSample() : CComponent(kGuid, "zxsample", {kCommandType}), m_guidTaskMgr(kTaskMgrGuid) {}
+  CSample()
+      : CComponent(kGuid, "zxsample", {kCommandType, kClientReadyType}),
+        m_guidTaskMgr(kTaskMgrGuid),
+        m_guidAgent(kAgentGuid) {}
 
  private:
   void OnMessage(const GUID& sender, uint32_t uiType, std::string_view data, const CBaton& baton) override {
+    if (uiType == kClientReadyType) {
+      ClientReady(sender, CPString(data));
+      return;
+    }
     CPString strAnswer;
     const uint32_t uiStatus = sender == m_guidTaskMgr ? RunCommand(data, strAnswer) : Refuse(sender, uiType);
     const uint32_t uiRet = baton.Reply(uiStatus, strAnswer.View());
@@ -76,8 +87,18 @@ class CSample final : public CComponent {
       LogWarnTo(Log(), "*zxsample answer not taken iRet[%x] strAnswer[%s]", uiRet, strAnswer);
   }
 
+  // A broadcast: nobody waits for an answer.
+  void ClientReady(const GUID& sender, const CPString& strText) {
+    if (sender != m_guidAgent)
+      Refuse(sender, kClientReadyType);
+    else if (!Save("client_ready.json", strText))
+      LogWarnTo(Log(), "*zxsample client ready cannot be saved Error[%d]", errno);
+    else
+      LogInfoTo(Log(), "zxsample client ready strText[%s]", strText);
+  }
+
   uint32_t Refuse(const GUID& sender, uint32_t uiType) {
-    LogWarnTo(Log(), "*zxsample refused: not the task manager uiType[%u] from[%s]", uiType, sender.ToUpper());
+    LogWarnTo(Log(), "*zxsample refused: wrong sender uiType[%u] from[%s]", uiType, sender.ToUpper());
     return kComponentErrSender;
   }
 
@@ -91,6 +112,8 @@ class CSample final : public CComponent {
     CPString strId;
     if (const HJsonNode hId = json.GetNode("ID"); hId != nullptr)
       CPJsonParse::GetValue(hId, strId);
+    if (CPString(handOff.strCommand).CompareNoCase("assetCollection") == 0)
+      return TakeAssetPolicy(strId, CPString(handOff.strMsg));
     if (CPString(handOff.strCommand).CompareNoCase("disk_usage") != 0) {
       LogWarnTo(Log(), "*zxsample unknown command strID[%s] strCommand[%s]", strId, handOff.strCommand);
       return kComponentErrCommand;
@@ -114,22 +137,32 @@ class CSample final : public CComponent {
       return kComponentErrFailed;
     }
     strAnswer = AnswerOf(strId, strPath, usage);
-    if (!Save(strAnswer))
+    if (!Save("disk_usage.json", strAnswer))
       LogWarnTo(Log(), "*zxsample disk_usage strID[%s] cannot be saved Error[%d]", strId, errno);
     LogInfoTo(Log(), "zxsample disk_usage strID[%s] used[%d%%] strAnswer[%s]", strId, usage.iUsedPercent,
               strAnswer);
     return 0;
   }
 
-  bool Save(const CPString& strAnswer) {
+  uint32_t TakeAssetPolicy(const CPString& strId, const CPString& strPolicy) {
+    if (!Save("assets.json", strPolicy)) {
+      LogWarnTo(Log(), "*zxsample asset policy strID[%s] cannot be saved Error[%d]", strId, errno);
+      return kComponentErrFailed;
+    }
+    LogInfoTo(Log(), "zxsample asset policy strID[%s] strPolicy[%s]", strId, strPolicy);
+    return 0;
+  }
+
+  bool Save(const char* pszName, const CPString& strAnswer) {
     const std::string strDir = Home() + "data/zxsample/";
     std::error_code error;
     std::filesystem::create_directories(strDir, error);
-    const CPString strFile(strDir + "disk_usage.json");
+    const CPString strFile(strDir + pszName);
     return ZxSaveFileData(strFile + ".tmp", strAnswer) && ZxSyncedRename(strFile + ".tmp", strFile);
   }
 
   const GUID m_guidTaskMgr;
+  const GUID m_guidAgent;
 };
 
-ZX_COMPONENT_PLUGIN(CSample)
+ZX_COMPONENT(CSample)

@@ -1,17 +1,25 @@
 // Sample task manager: takes commands from the agent, passes each to its component, and answers the agent
-// with the component's status and data. Keeps the agent's list of GUIDs in memory.
+// with the component's status and data. What a component answered is also a task result: it is kept on disk
+// and handed to the agent until the cloud has it (ResultBox.h). The agent's list of GUIDs is kept in
+// data/zxtaskmgr/guidlist.json.
+#include <cerrno>
+#include <filesystem>
 #include <memory>
 #include <string>
 
-#include "kit/Component.h"
+#include "ResultBox.h"
+#include "kit/ComponentMain.h"
 #include "kit/HandOff.h"
+#include "platform/os/ZxFile.h"
 
 namespace {
 
 constexpr uint32_t kCommandType = 20001;
 constexpr uint32_t kGuidListType = 20104;
+constexpr uint32_t kUploadResultType = 20105;
 // Below the agent's own 60 s, so that the component's time-out is told as such.
 constexpr uint32_t kTimeoutMs = 55000;
+constexpr int kResultPriority = 1;
 constexpr char kAgentGuid[] = "ABC9A772-602C-45F4-9AAC-7096FD9BEDA4";
 
 }  // namespace
@@ -20,7 +28,9 @@ class CTaskMgr final : public CComponent, private IMRSendComplete {
  public:
   static constexpr char kGuid[] = "FAB922A8-736E-4CB5-A666-4FD849A3049A";
 
-  CTaskMgr() : CComponent(kGuid, "zxtaskmgr", {kCommandType, kGuidListType}), m_guidAgent(kAgentGuid) {}
+  CTaskMgr()
+      : CComponent(kGuid, "zxtaskmgr", {kCommandType, kGuidListType, kUploadResultType}),
+        m_guidAgent(kAgentGuid) {}
 
  private:
   // A command that its component has not answered yet. Belongs to the bus between the send and its
@@ -28,8 +38,7 @@ class CTaskMgr final : public CComponent, private IMRSendComplete {
   struct _Pending {
     CBaton baton;
     CPString strId;
-    std::string strGuid;
-    std::string strCommand;
+    CHandOff handOff;
   };
 
   void OnMessage(const GUID& sender, uint32_t uiType, std::string_view data, const CBaton& baton) override {
@@ -39,14 +48,66 @@ class CTaskMgr final : public CComponent, private IMRSendComplete {
       return;
     }
     if (uiType == kGuidListType) {
-      m_strGuidList = CPString(data);
-      LogInfoTo(Log(), "zxtaskmgr keeps the GUID list strGuidList[%s]", m_strGuidList);
-      Answer(baton, 0, {});
+      Answer(baton, KeepGuidList(data) ? 0u : uint32_t{kComponentErrFailed}, {});
+      return;
+    }
+    if (uiType == kUploadResultType) {
+      Answer(baton, TakeUploadResult(data), {});
       return;
     }
     const uint32_t uiStatus = PassOn(data, baton);
     if (uiStatus != 0)
       Answer(baton, uiStatus, {});
+  }
+
+  bool OnStart() override {
+    m_results.Start(Home(), Bus(), Log());
+    return true;
+  }
+  void OnStop() override { m_results.Stop(); }
+
+  bool KeepGuidList(std::string_view data) {
+    const CPString strFile(Home() + "data/zxtaskmgr/guidlist.json");
+    std::error_code error;
+    std::filesystem::create_directories(Home() + "data/zxtaskmgr/", error);
+    if (!ZxSaveFileData(strFile + ".tmp", CPString(data)) || !ZxSyncedRename(strFile + ".tmp", strFile))
+      return LogWarnTo(Log(), "*zxtaskmgr cannot keep the GUID list strFile[%s] Error[%d]", strFile, errno) !=
+             0;
+    LogInfoTo(Log(), "zxtaskmgr keeps the GUID list strGuidList[%s]", CPString(data));
+    return true;
+  }
+
+  uint32_t TakeUploadResult(std::string_view data) {
+    uint64_t u64DataId = 0;
+    int32_t iResult = 0;
+    if (!ParseUploadResult(data, u64DataId, iResult)) {
+      LogWarnTo(Log(), "*zxtaskmgr refused: no upload result bytes[%llu]", data.size());
+      return kComponentErrText;
+    }
+    LogInfoTo(Log(), "zxtaskmgr upload result u64DataId[%llx] iResult[%x]", u64DataId, iResult);
+    m_results.OnUploadResult(u64DataId, iResult);
+    return 0;
+  }
+
+  // The agent is answered, and acknowledges the command to the cloud, when the result cannot get lost any
+  // more.
+  void KeepResult(const _Pending& pending, std::string_view response) {
+    zxlogcache::_SourceSettings source;
+    source.strName =
+        pending.handOff.strGuid + " " + pending.handOff.strProduct + "/" + pending.handOff.strCombo;
+    source.strGuid = pending.handOff.strGuid;
+    source.strProduct = pending.handOff.strProduct;
+    source.strCombo = pending.handOff.strCombo;
+    source.iPriv = kResultPriority;
+    source.eBody = zxlogcache::EBody::Record;
+    const CBaton baton = pending.baton;
+    const std::string strResponse(response);
+    m_results.Add(source, strResponse, [this, baton, strResponse, strId = pending.strId](bool bKept) {
+      if (!bKept)
+        LogErrorTo(Log(), "**zxtaskmgr cannot keep the result strID[%s] bytes[%llu]", strId,
+                   strResponse.size());
+      Answer(baton, bKept ? 0u : uint32_t{kComponentErrFailed}, strResponse);
+    });
   }
 
   // 0: on its way, the answer follows with the component's own.
@@ -56,8 +117,7 @@ class CTaskMgr final : public CComponent, private IMRSendComplete {
       LogWarnTo(Log(), "*zxtaskmgr refused: no hand-off bytes[%llu]", data.size());
       return kComponentErrText;
     }
-    auto pPending = std::make_unique<_Pending>(
-        _Pending{baton, CommandId(handOff.strMsg), handOff.strGuid, handOff.strCommand});
+    auto pPending = std::make_unique<_Pending>(_Pending{baton, CommandId(handOff.strMsg), handOff});
     LogInfoTo(Log(), "zxtaskmgr passes on strID[%s] strCommand[%s] strProduct[%s] strCombo[%s] strGuid[%s]",
               pPending->strId, handOff.strCommand, handOff.strProduct, handOff.strCombo, handOff.strGuid);
     const GUID guid(handOff.strGuid.c_str());
@@ -80,11 +140,14 @@ class CTaskMgr final : public CComponent, private IMRSendComplete {
                                     pResponse == nullptr ? 0 : uiResponseLength);
     if (iRetReply == 0)
       LogInfoTo(Log(), "zxtaskmgr answered strID[%s] strCommand[%s] strGuid[%s] strAnswer[%s]",
-                pPending->strId, pPending->strCommand, pPending->strGuid, CPString(response));
+                pPending->strId, pPending->handOff.strCommand, pPending->handOff.strGuid, CPString(response));
     else
       LogWarnTo(Log(), "*zxtaskmgr failed strID[%s] strCommand[%s] strGuid[%s] iStatus[%x]", pPending->strId,
-                pPending->strCommand, pPending->strGuid, iRetReply);
-    Answer(pPending->baton, iRetReply, response);
+                pPending->handOff.strCommand, pPending->handOff.strGuid, iRetReply);
+    if (iRetReply == 0 && !response.empty())
+      KeepResult(*pPending, response);
+    else
+      Answer(pPending->baton, iRetReply, response);
   }
 
   void Answer(const CBaton& baton, uint32_t uiStatus, std::string_view data) {
@@ -94,7 +157,7 @@ class CTaskMgr final : public CComponent, private IMRSendComplete {
   }
 
   const GUID m_guidAgent;
-  CPString m_strGuidList;  // the dispatcher's thread only
+  CResultBox m_results;
 };
 
-ZX_COMPONENT_PLUGIN(CTaskMgr)
+ZX_COMPONENT(CTaskMgr)

@@ -168,7 +168,7 @@ TEST_F(ComponentFlow, WhatTheSampleCannotDo_ComesBackAsItsStatus) {
 }
 
 TEST_F(ComponentFlow, UnsavedAnswer_IsStillGiven) {
-  m_home.WriteFile("data", "in the way");
+  m_home.WriteFile("data/zxsample", "in the way");
   EXPECT_EQ(m_agent.Ask(kTaskMgr, kCommand, HandOff(R"({"ID":"9"})")).uiStatus, 0u);
   EXPECT_TRUE(m_log.Contains("*zxsample disk_usage strID[9] cannot be saved"));
 }

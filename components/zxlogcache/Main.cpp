@@ -1,0 +1,4 @@
+#include "LogCache.h"
+#include "kit/ComponentMain.h"
+
+ZX_COMPONENT(zxlogcache::CLogCache)
