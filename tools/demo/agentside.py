@@ -69,10 +69,6 @@ class Agent:
         with open(self.path("etc/zxagent/zxagent.json"), "w", encoding="ascii") as text:
             json.dump(deployment, text, indent=1)
 
-    def forget_connection_mode(self):
-        """Removes what the terminal-connect command left behind; from its next start the agent uses both ways."""
-        os.remove(self.path(CONNECTION_MODE))
-
     def start(self):
         arguments = [self.path("bin/zxhost"), "--home", self.home]
         if self.isolation is not None:

@@ -9,11 +9,12 @@ import time
 from processes import Child, StepFailed, wait_for
 
 CERTIFICATE_DAYS = "2"
-# Business numbers: the sample component, one that no machine has, and the agent itself.
-SAMPLE, ABSENT, OWN = 1001, 1002, 1003
+# Business numbers: the sample component, one that no machine has, the agent itself, and the maintenance tool.
+SAMPLE, ABSENT, OWN, MAINT = 1001, 1002, 1003, 1004
 PCID = [{"product": "veltcwpp", "combo": "zxsample", "id": SAMPLE},
         {"product": "veltcwpp", "combo": "zxabsent", "id": ABSENT},
-        {"product": "veltExtHost", "combo": "PluginMgr", "id": OWN}]
+        {"product": "veltExtHost", "combo": "PluginMgr", "id": OWN},
+        {"product": "veltcwpp", "combo": "zxpmaint", "id": MAINT}]
 PCID_TEXT = "|".join("%s,%s,%d" % (entry["product"], entry["combo"], entry["id"]) for entry in PCID)
 
 
@@ -192,6 +193,23 @@ class Cloud:
                 state = command["state"] if command else "unknown to the cloud"
                 raise StepFailed("%s is not acknowledged within %d s, state %s" % (command_id, seconds, state))
             time.sleep(0.05)
+
+    def wait_upload(self, seconds, wanted, *which):
+        """The first upload for which wanted(row, body) holds; None when none comes in time. which: as for zxctl uploads."""
+        found = []
+        seen = set()
+
+        def check():
+            rows = (self.ask("uploads", "--max", "200", *which) or {}).get("uploads", [])
+            for row in (row for row in rows if row["seq"] not in seen):
+                code, body, _ = self.zxctl("upload", str(row["seq"]), "--body")
+                if code != 0:
+                    continue
+                seen.add(row["seq"])
+                if wanted(row, body):
+                    found.append((row, body))
+            return bool(found)
+        return found[0] if wait_for(check, seconds, 0.1) else None
 
     def hops(self, command_id, home):
         trace = self.ask("trace", command_id, "--home", home)
