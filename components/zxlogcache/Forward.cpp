@@ -64,8 +64,8 @@ void CForward::OnResult(uint64_t u64DataId, int32_t iResult, uint64_t u64NowMs) 
   }
   _Source& source = m_sources[flight.cache.i64Source];
   if (source.uiFails != 0)
-    LogInfoTo(m_hLog, "zxrelay gets through again source[%s] after[%u] failures",
-              source.settings.strName, source.uiFails);
+    LogInfoTo(m_hLog, "zxrelay gets through again source[%s] after[%u] failures", source.settings.strName,
+              source.uiFails);
   source.uiFails = 0;
   source.uiLastStatus = 0;
   source.u64DueMs = 0;
@@ -89,8 +89,7 @@ void CForward::Fail(_Flight& flight, uint32_t uiStatus, const char* pszWhat, uin
   if (source.u64DueMs <= u64NowMs)  // a whole window that fails together is one failure
     source.u64DueMs = u64NowMs + Pause(++source.uiFails);
   if (source.uiLastStatus != uiStatus)  // once for each reason, not for each try
-    LogWarnTo(m_hLog,
-              "*zxrelay %s source[%s] u64DataId[%llx] iStatus[%x] attempts[%u], kept and tried again",
+    LogWarnTo(m_hLog, "*zxrelay %s source[%s] u64DataId[%llx] iStatus[%x] attempts[%u], kept and tried again",
               pszWhat, source.settings.strName, flight.cache.u64DataId, uiStatus, flight.uiAttempts);
   source.uiLastStatus = uiStatus;
 }
@@ -183,8 +182,7 @@ void CForward::Committed() {
   }
   for (const uint64_t u64DataId : m_expired) {
     const _Cache& cache = m_flights[u64DataId].cache;
-    LogWarnTo(m_hLog, "*zxrelay gives up: too old u64DataId[%llx] records[%u]", u64DataId,
-              cache.uiRecords);
+    LogWarnTo(m_hLog, "*zxrelay gives up: too old u64DataId[%llx] records[%u]", u64DataId, cache.uiRecords);
     m_counts.u64Expired += cache.uiRecords;
     m_flights.erase(u64DataId);
   }
