@@ -6,7 +6,7 @@ BUILD  := build/$(PRESET)
 CTEST  := ctest --test-dir $(BUILD) -j $(JOBS) --schedule-random --output-on-failure --no-tests=error
 
 .DEFAULT_GOAL := build
-.PHONY: deps build run test lint format tidy asan tsan fuzz coverage bench install clean
+.PHONY: deps build run test lint format tidy asan tsan fuzz coverage bench install package clean
 
 deps:
 	@tools/install-deps
@@ -50,6 +50,10 @@ bench: build
 
 install: build
 	@cmake --install $(BUILD) --prefix $(or $(PREFIX),/opt/zxagent)
+
+# build/<preset>/zxagent_<version>_<arch>.deb
+package: build
+	@packaging/deb/build $(BUILD)
 
 clean:
 	rm -rf build
