@@ -67,6 +67,8 @@ CBusService::CBusService(const _HostConfig& config, const CPString& strHome)
                                                    : config.bus.strAddress),
       m_watch(strHome) {
   m_rules.uidHost = geteuid();
+  m_rules.bTrustedOnly = m_rules.uidHost == 0;
+  m_rules.bOneUser = m_rules.uidHost != 0;
   m_rules.inProcess = InProcessGuids(config);
   m_snapshot.pComponents = m_pComponents;
 }
@@ -314,8 +316,13 @@ void CBusService::LogManifestChanges(const _ComponentList& list) {
 
 bool CBusService::WritePolicy(CPString& strError) {
   const CPString strFile = m_config.bus.strRunDir + "bus.conf";
-  if (m_strPolicy == m_strWrittenPolicy && ZxIsFileExisted(strFile))
+  // What an earlier host has left may be right already: then a full disk is no reason to have no bus.
+  CPString strThere;
+  if (ZxReadFileText(strFile, strThere) && strThere == m_strPolicy) {
+    m_bReloadDue = m_bReloadDue || m_strWrittenPolicy != m_strPolicy;
+    m_strWrittenPolicy = m_strPolicy;
     return true;
+  }
   if (!ZxSaveFileData(strFile + ".tmp", m_strPolicy) || !ZxSyncedRename(strFile + ".tmp", strFile)) {
     strError = strFile + ": " + std::strerror(errno);  // NOLINT(concurrency-mt-unsafe)
     return false;
@@ -350,15 +357,21 @@ void CBusService::Join() {
   settings.pszAddress = m_strAddress.c_str();
   settings.uiTimeoutMs = kJoinTimeoutMs;
   settings.pfnState = &CBusService::OnBusState;
+  settings.pContext = this;
   const uint32_t uiResult = ZxBusConnect(&settings);
   if (uiResult != 0)
     LogWarnTo(g_hHostLog, "*zxhost bus not joined yet uiResult[%x] address[%s]", uiResult, m_strAddress);
 }
 
-void CBusService::OnBusState(uint32_t uiState, const char* pszText, void*) {
-  const char* psz = pszText != nullptr ? pszText : "";
+// On the bus's thread for host calls. What it says again and again is logged once.
+void CBusService::OnBusState(uint32_t uiState, const char* pszText, void* pContext) {
+  CPString& strLast = static_cast<CBusService*>(pContext)->m_strLastState;
+  const CPString strText = CPString::Make("%u %s", uiState, pszText != nullptr ? pszText : "");
+  if (strText == strLast)
+    return;
+  strLast = strText;
   if (uiState == kBusStateConnected)
-    LogInfoTo(g_hHostLog, "zxhost bus joined: %s", psz);
+    LogInfoTo(g_hHostLog, "zxhost bus joined state[%s]", strText);
   else
-    LogWarnTo(g_hHostLog, "*zxhost bus state[%u]: %s", uiState, psz);
+    LogWarnTo(g_hHostLog, "*zxhost bus state[%s]", strText);
 }

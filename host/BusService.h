@@ -87,6 +87,8 @@ class CBusService {
   uint64_t m_u64ReloadAtMs = 0;  // next attempt to bring file and daemon up to date; 0: nothing to do
   CPString m_strTrouble;
 
+  CPString m_strLastState;  // of OnBusState only
+
   CCritSec m_cs;
   _BusSnapshot m_snapshot TS_GUARDED_BY(m_cs);
   bool m_bStop TS_GUARDED_BY(m_cs) = false;

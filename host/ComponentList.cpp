@@ -36,10 +36,8 @@ CPString ErrnoText(const char* pszWhat) {
   return CPString(pszWhat) + ": " + std::strerror(errno);  // NOLINT(concurrency-mt-unsafe)
 }
 
-// Whoever may write here decides who a component is, so for root only root (or the host's own user) may.
-CPString WhyNotTrusted(const struct stat& st, const char* pszWhat, uid_t uidHost) {
-  if (uidHost != 0)
-    return "";
+// Whoever may write here decides who a component is, so only root may.
+CPString WhyNotTrusted(const struct stat& st, const char* pszWhat) {
   if (st.st_uid != 0)
     return CPString(pszWhat) + " does not belong to root";
   if ((st.st_mode & (S_IWGRP | S_IWOTH)) != 0)
@@ -48,19 +46,20 @@ CPString WhyNotTrusted(const struct stat& st, const char* pszWhat, uid_t uidHost
 }
 
 // An open directory that may be trusted, or -1 with the reason (and errno).
-int OpenDirectory(int iParent, const char* pszName, const char* pszWhat, uid_t uidHost, CPString& strError) {
+int OpenDirectory(int iParent, const char* pszName, const char* pszWhat, bool bTrustedOnly,
+                  CPString& strError) {
   CFd fd(openat(iParent, pszName, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   struct stat st {};
   if (fd.Get() < 0 || fstat(fd.Get(), &st) != 0) {
     strError = ErrnoText(pszWhat);
     return -1;
   }
-  strError = WhyNotTrusted(st, pszWhat, uidHost);
+  strError = bTrustedOnly ? WhyNotTrusted(st, pszWhat) : CPString();
   errno = EPERM;
   return strError.IsEmpty() ? fd.Release() : -1;
 }
 
-bool ReadFileAt(int iDirectory, uid_t uidHost, std::string& strText, CPString& strError) {
+bool ReadFileAt(int iDirectory, bool bTrustedOnly, std::string& strText, CPString& strError) {
   // Non-blocking: a pipe in the file's place must not hold the host.
   const CFd fd(openat(iDirectory, "config.json", O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   struct stat st {};
@@ -72,8 +71,8 @@ bool ReadFileAt(int iDirectory, uid_t uidHost, std::string& strText, CPString& s
     strError = "the manifest is no file";
   else if (static_cast<uint64_t>(st.st_size) > kManifestMaxBytes)
     strError = "the manifest is too long";
-  else
-    strError = WhyNotTrusted(st, "the manifest", uidHost);
+  else if (bTrustedOnly)
+    strError = WhyNotTrusted(st, "the manifest");
   if (!strError.IsEmpty())
     return false;
   strText.resize(kManifestMaxBytes + 1);
@@ -133,11 +132,12 @@ bool ReadEntry(int iClient, const std::string& strName, const _ComponentRules& r
     entry.bWarning = true;
     return true;
   }
-  const CFd dir(OpenDirectory(iClient, strName.c_str(), "its directory", rules.uidHost, entry.strRefused));
+  const CFd dir(
+      OpenDirectory(iClient, strName.c_str(), "its directory", rules.bTrustedOnly, entry.strRefused));
   if (dir.Get() >= 0 && fstatat(dir.Get(), "config.json", &st, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT)
     return false;
   std::string strText;
-  if (dir.Get() < 0 || !ReadFileAt(dir.Get(), rules.uidHost, strText, entry.strRefused) ||
+  if (dir.Get() < 0 || !ReadFileAt(dir.Get(), rules.bTrustedOnly, strText, entry.strRefused) ||
       !ParseManifest(strText, entry.manifest, entry.strRefused)) {
     entry.bWarning = true;
     return true;
@@ -156,6 +156,10 @@ void CheckIdentity(_ComponentEntry& entry, const _ComponentRules& rules) {
   for (const GUID& guid : entry.manifest.guids) {
     if (rules.inProcess.count(guid) != 0)
       return Refuse(entry, "GUID " + guid.ToUpper() + " is served by a plug-in of the host");
+  }
+  if (rules.bOneUser) {  // everything is the host's user then
+    entry.uid = rules.uidHost;
+    return;
   }
   gid_t gid = 0;
   if (!(rules.pfnUser != nullptr ? rules.pfnUser : &FindSystemUser)(entry.manifest.strUser, entry.uid, gid))
@@ -186,7 +190,7 @@ void CheckRepeats(std::vector<_ComponentEntry>& entries) {
 _ComponentList ReadComponents(const CPString& strHome, const _ComponentRules& rules) {
   _ComponentList list;
   const CFd client(OpenDirectory(AT_FDCWD, (strHome + "etc/coms/client").c_str(), "etc/coms/client",
-                                 rules.uidHost, list.strError));
+                                 rules.bTrustedOnly, list.strError));
   if (client.Get() < 0) {
     if (errno == ENOENT)
       list.strError.Empty();  // nothing installed

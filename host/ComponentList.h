@@ -13,14 +13,16 @@
 struct _ComponentEntry {
   CPString strName;  // the directory
   _ComponentManifest manifest;
-  uid_t uid = 0;          // of manifest.strUser; only when accepted
+  uid_t uid = 0;          // that it runs as; only when accepted
   CPString strRefused;    // why it has no rights on the bus; empty: accepted
   bool bWarning = false;  // strRefused is something that an administrator should look at
 };
 
 // How the manifests are judged.
 struct _ComponentRules {
-  uid_t uidHost = 0;         // whose manifests are trusted besides root's; root checks owners and modes
+  bool bTrustedOnly = false;  // what anybody but root could have written does not count
+  bool bOneUser = false;      // every component is uidHost, whatever its manifest says
+  uid_t uidHost = 0;
   std::set<GUID> inProcess;  // served by plug-ins of the host, never by another process
   bool (*pfnUser)(const CPString& strUser, uid_t& uid, gid_t& gid) = nullptr;  // null: FindSystemUser
   size_t uMaxEntries = 4096;

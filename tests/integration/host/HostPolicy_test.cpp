@@ -233,6 +233,35 @@ TEST_F(HostPolicy, HostileManifests_DoNotBreakTheOthers) {
   EXPECT_TRUE(EventuallyTrue([&] { return OwnAs(m_users[1].uid, kB) == "ok"; }));
 }
 
+TEST_F(HostPolicy, DaemonWithoutRights_DoesAllOfIt) {
+  Install("a", kA, m_users[0].strName);
+  m_host.SetBus(R"({"user":")" + m_users[2].strName + "\"}");
+  ASSERT_TRUE(Start());
+  const pid_t iDaemon = DaemonPid();
+  EXPECT_TRUE(EventuallyTrue([&] { return OwnAs(m_users[0].uid, kA) == "ok"; }));
+  struct stat st {};
+  ASSERT_EQ(stat(("/proc/" + std::to_string(iDaemon)).c_str(), &st), 0);
+  EXPECT_EQ(st.st_uid, m_users[2].uid);
+  Install("b", kB, m_users[1].strName);  // the reload works without rights, too
+  EXPECT_TRUE(EventuallyTrue([&] { return OwnAs(m_users[1].uid, kB) == "ok"; }));
+  EXPECT_EQ(DaemonPid(), iDaemon);
+  m_host.Signal(SIGKILL);  // and the death signal
+  EXPECT_EQ(m_host.WaitExit(), 1000 + SIGKILL);
+  EXPECT_TRUE(EventuallyTrue([&] {
+    std::ifstream stat("/proc/" + std::to_string(iDaemon) + "/stat");
+    const std::string strText((std::istreambuf_iterator<char>(stat)), {});
+    return strText.empty() || strText.find(") Z ") != std::string::npos;
+  }));
+}
+
+TEST_F(HostPolicy, UserThatDoesNotExist_LeavesTheDaemonAsRoot_AndSaysSo) {
+  Install("a", kA, m_users[0].strName);
+  m_host.SetBus(R"({"user":"zx-no-such-user"})");
+  ASSERT_TRUE(Start());
+  EXPECT_TRUE(WaitLog("*zxhost bus daemon runs as root, there is no user[zx-no-such-user]"));
+  EXPECT_EQ(OwnAs(m_users[0].uid, kA), "ok");
+}
+
 TEST_F(HostPolicy, ThousandComponents_AreOneReading) {
   for (int i = 0; i < 1000; ++i)
     Install("c" + std::to_string(i), CPString::Make("%08X-2D4F-4A6B-8C9D-0E1F2A3B4C5D", i + 1).Str(),

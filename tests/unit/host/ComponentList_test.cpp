@@ -35,8 +35,8 @@ const std::string kB = "BBBBBBBB-2D4F-4A6B-8C9D-0E1F2A3B4C5D";
 class ComponentList : public testing::Test {
  protected:
   ComponentList() {
-    m_rules.uidHost = geteuid();
     m_rules.pfnUser = &FakeUser;
+    m_rules.bTrustedOnly = geteuid() == 0;  // what the test writes is its own user's
     m_home.MakeDir("etc/coms/client");
   }
 
@@ -64,6 +64,17 @@ TEST_F(ComponentList, Accepted_KnowsItsUser) {
   EXPECT_EQ(list.entries[0].strRefused, "");
   EXPECT_EQ(list.entries[0].uid, 4711u);
   EXPECT_EQ(list.strError, "");
+}
+
+TEST_F(ComponentList, HostThatIsNotRoot_TakesEveryManifestForItsOwnUser) {
+  m_rules.bTrustedOnly = false;
+  m_rules.bOneUser = true;
+  m_rules.uidHost = 4713;
+  Install("a", ManifestOf(kA, "not_there"), 0666);
+  const _ComponentList list = ReadComponents(m_home.Root(), m_rules);
+  ASSERT_EQ(list.entries.size(), 1u);
+  EXPECT_EQ(list.entries[0].strRefused, "");
+  EXPECT_EQ(list.entries[0].uid, 4713u);
 }
 
 TEST_F(ComponentList, NothingInstalled_IsNoError) {
