@@ -58,8 +58,8 @@ class CBusLink final : public CBusWire, public IBusPeer {
 
   uint32_t Push(std::unique_ptr<CBusMessage> pMessage) override TS_EXCLUDES(m_cs);
   void DropBaton(CBusCall& call) override TS_EXCLUDES(m_cs);
-  bool ReserveReplyBytes(uint32_t uiLength) override TS_EXCLUDES(m_cs);
-  void ReleaseReplyBytes(uint32_t uiLength) override TS_EXCLUDES(m_cs);
+  bool ReserveReplyBytes(uint32_t uiLength) override;
+  void ReleaseReplyBytes(uint32_t uiLength) override;
   bool Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
                 uint32_t uiLength) override TS_EXCLUDES(m_cs);
   void Refuse(CBusCall& call, uint32_t uiStatus) override TS_EXCLUDES(m_cs);
@@ -114,7 +114,8 @@ class CBusLink final : public CBusWire, public IBusPeer {
   void WriteReply(CBusRef<CBusCall> call);
   void WriteCancel(CBusCall& call);
   void DrainTarget(CBusRemoteTarget& target);
-  void Released(size_t uBytes) TS_EXCLUDES(m_cs);
+  bool Reserve(size_t uBytes);
+  void Released(size_t uBytes) { m_uQueuedBytes.fetch_sub(uBytes, std::memory_order_relaxed); }
   CBusRemoteTarget& TargetOf(const GUID& guid);
   const std::string& PathOf(uint32_t uiType);
   void EndCall(CBusCall& call, uint32_t uiResult);
@@ -150,6 +151,7 @@ class CBusLink final : public CBusWire, public IBusPeer {
   const std::shared_ptr<CBusEndpoint> m_pEndpoint;
   const size_t m_uMaxBytes;
   _BusLinkFigures m_figures;
+  std::atomic<size_t> m_uQueuedBytes{0};  // no lock: a component reserves under its own
   std::atomic<bool> m_bClosing{false};
 
   pthread_cond_t m_condState;
@@ -158,7 +160,6 @@ class CBusLink final : public CBusWire, public IBusPeer {
   uint32_t m_uiRefused TS_GUARDED_BY(m_cs) = 0;
   bool m_bKicked TS_GUARDED_BY(m_cs) = false;
   CBusQueue m_queued TS_GUARDED_BY(m_cs);
-  size_t m_uQueuedBytes TS_GUARDED_BY(m_cs) = 0;
   std::string m_strUniqueName TS_GUARDED_BY(m_cs);
   // Changes of the receivers are numbered: asked for, and told to the daemon.
   uint64_t m_u64TypesAsked TS_GUARDED_BY(m_cs) = 0;

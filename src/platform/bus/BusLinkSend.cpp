@@ -37,10 +37,9 @@ uint32_t CBusLink::Push(std::unique_ptr<CBusMessage> pMessage) {
       uiResult = kBusErrGone;
     else if (pMessage->guidTo != GUID() && !m_owners.Has(pMessage->guidTo))
       uiResult = kBusErrNoTarget;
-    else if (m_uQueuedBytes != 0 && m_uQueuedBytes + uCost > m_uMaxBytes)
+    else if (!Reserve(uCost))
       uiResult = kBusErrBusy;
     if (uiResult == 0) {
-      m_uQueuedBytes += uCost;
       m_queued.Push(*pMessage.release());
       bKick = !std::exchange(m_bKicked, true);
     }
@@ -72,21 +71,21 @@ void CBusLink::DropBaton(CBusCall& call) {
     call.Release();
 }
 
-bool CBusLink::ReserveReplyBytes(uint32_t uiLength) {
-  CCritLock lock(m_cs);
-  if (uiLength != 0 && m_uQueuedBytes != 0 && m_uQueuedBytes + uiLength > m_uMaxBytes)
-    return false;
-  m_uQueuedBytes += uiLength;
+bool CBusLink::Reserve(size_t uBytes) {
+  size_t uQueued = m_uQueuedBytes.load(std::memory_order_relaxed);
+  do {
+    if (uQueued != 0 && uQueued + uBytes > m_uMaxBytes)
+      return false;
+  } while (!m_uQueuedBytes.compare_exchange_weak(uQueued, uQueued + uBytes, std::memory_order_relaxed));
   return true;
+}
+
+bool CBusLink::ReserveReplyBytes(uint32_t uiLength) {
+  return uiLength == 0 || Reserve(uiLength);
 }
 
 void CBusLink::ReleaseReplyBytes(uint32_t uiLength) {
   Released(uiLength);
-}
-
-void CBusLink::Released(size_t uBytes) {
-  CCritLock lock(m_cs);
-  m_uQueuedBytes -= uBytes;
 }
 
 bool CBusLink::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,

@@ -14,9 +14,10 @@ class IBusPeer {
   virtual uint32_t Push(std::unique_ptr<CBusMessage> pMessage) = 0;
   virtual void DropBaton(CBusCall& call) = 0;  // the sender waits no longer
 
-  // Sender side. Whoever replies reserves room for the data first. False: the call had ended already.
+  // Sender side. Whoever replies reserves room for the data first, under its own lock: these two take none.
   virtual bool ReserveReplyBytes(uint32_t uiLength) = 0;
   virtual void ReleaseReplyBytes(uint32_t uiLength) = 0;
+  // False: the call had ended already.
   virtual bool Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
                         uint32_t uiLength) = 0;
   virtual void Refuse(CBusCall& call, uint32_t uiStatus) = 0;  // ends it with an error of the bus
