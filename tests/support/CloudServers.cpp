@@ -59,7 +59,8 @@ uint16_t FreePort() {
   return wPort;
 }
 
-CTestBroker::CTestBroker(const std::string& strDir, const _CertFiles& cert) : m_strDir(strDir), m_cert(cert) {
+CTestBroker::CTestBroker(const std::string& strDir, const _CertFiles& cert, bool bPersistent)
+    : m_strDir(strDir), m_cert(cert), m_bPersistent(bPersistent) {
   mkdir(strDir.c_str(), 0755);
   for (int i = 0; i < 10; ++i) {
     m_wTlsPort = FreePort();
@@ -77,8 +78,9 @@ CTestBroker::~CTestBroker() {
 void CTestBroker::WriteConfig() const {
   std::ofstream file(m_strDir + "mosquitto.conf");
   file << "user root\nper_listener_settings false\nallow_anonymous true\nset_tcp_nodelay true\n"
-       << "max_queued_messages 0\nmax_inflight_messages 0\npersistence false\nlog_dest file " << m_strDir
-       << "mosquitto.log\nlistener " << m_wTlsPort << " 127.0.0.1\ncertfile " << m_cert.strCert
+       << "max_queued_messages 0\nmax_inflight_messages 0\npersistence "
+       << (m_bPersistent ? "true\npersistence_location " + m_strDir : "false") << "\nlog_dest file "
+       << m_strDir << "mosquitto.log\nlistener " << m_wTlsPort << " 127.0.0.1\ncertfile " << m_cert.strCert
        << "\nkeyfile " << m_cert.strKey << "\nlistener " << m_wPlainPort << " 127.0.0.1\n";
 }
 
@@ -106,12 +108,20 @@ bool CTestBroker::TryStart() {
   return bUp && !bExited;
 }
 
-void CTestBroker::Kill() {
+void CTestBroker::End(int iSignal) {
   if (m_iPid <= 0)
     return;
-  kill(m_iPid, SIGKILL);
+  kill(m_iPid, iSignal);
   waitpid(m_iPid, nullptr, 0);
   m_iPid = -1;
+}
+
+void CTestBroker::Kill() {
+  End(SIGKILL);
+}
+
+void CTestBroker::Stop() {
+  End(SIGTERM);
 }
 
 void CTestBroker::Freeze() {

@@ -23,7 +23,8 @@ uint16_t FreePort();
 class CTestBroker {
  public:
   // strDir ends in "/" and is the broker's own. Aborts the test program when mosquitto cannot be started.
-  CTestBroker(const std::string& strDir, const _CertFiles& cert);
+  // bPersistent: sessions outlive Stop and Start.
+  CTestBroker(const std::string& strDir, const _CertFiles& cert, bool bPersistent = false);
   ~CTestBroker();
   CTestBroker(const CTestBroker&) = delete;
   CTestBroker& operator=(const CTestBroker&) = delete;
@@ -31,15 +32,18 @@ class CTestBroker {
   uint16_t TlsPort() const { return m_wTlsPort; }      // for the agent
   uint16_t PlainPort() const { return m_wPlainPort; }  // for the cloud's side and for plain-text tests
   void Kill();                                         // as power loss; does nothing when it is down
+  void Stop();                                         // in good order
   void Freeze();  // accepts and answers nothing, but keeps its connections
   void Start();   // again, on the same ports
 
  private:
   bool TryStart();
+  void End(int iSignal);
   void WriteConfig() const;
 
   const std::string m_strDir;
   const _CertFiles m_cert;
+  const bool m_bPersistent;
   uint16_t m_wTlsPort = 0;
   uint16_t m_wPlainPort = 0;
   pid_t m_iPid = -1;
