@@ -337,7 +337,8 @@ bool CMosquittoTransport::Deliver() {
   }
   if (!m_bClosedNews)
     return true;
-  m_bClosedNews = false;
+  // The socket goes with the session: a dead one that stays open is ready for ever, and its owner would spin.
+  Close(false);
   const std::string strReason = m_strReason;
   m_events.OnClosed(m_eFailure, strReason);
   return false;

@@ -1,5 +1,6 @@
 // Every bad far side and every bad file, on both connections: refused, called by its own name, nothing said
 // to the far side, and accepted by the same client as soon as it is mended.
+#include <fcntl.h>
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
@@ -12,6 +13,7 @@
 #include "platform/cloud/HttpClient.h"
 #include "platform/cloud/MosquittoTransport.h"
 #include "support/CloudCerts.h"
+#include "support/CloudServers.h"
 #include "support/TempHome.h"
 #include "support/TlsServer.h"
 #include "support/Waiter.h"
@@ -442,16 +444,42 @@ TEST_P(CTlsSide, TrustWithdrawn_CountsAtTheNextConnection) {
 INSTANTIATE_TEST_SUITE_P(Sides, CTlsSide, ::testing::Values(ESide::Https, ESide::Mqtt),
                          [](const auto& one) { return one.param == ESide::Https ? "Https" : "Mqtt"; });
 
+struct CNobody : IMqttEvents {
+  void OnTcpUp() override {}
+  void OnConnack() override {}
+  void OnSubscribed() override {}
+  void OnClosed(EMqttFailure, const std::string&) override { bClosed = true; }
+  void OnAck(uint64_t) override {}
+  void OnPush(std::string_view, std::string_view) override {}
+  void OnAlive() override {}
+  bool bClosed = false;
+};
+
+// A dead socket that stays open keeps the thread that waits for it awake.
+TEST(TlsPlain, Mqtt_LeavesNoSocketOpen_WhenTheFarSideRefuses) {
+  CNobody nobody;
+  const _TlsSettings tls;
+  CMosquittoTransport transport(tls, nobody);
+  _MqttOpen open;
+  open.strIp = open.strHost = "127.0.0.1";
+  open.wPort = FreePort();
+  open.strClientId = "m-1";
+  open.strStatusTopic = "zx/v1/m-1/status";
+  EMqttFailure eFailure = EMqttFailure::Network;
+  std::string strReason;
+  ASSERT_TRUE(transport.Open(open, eFailure, strReason)) << strReason;
+  const int fd = transport.Descriptor();
+  while (!nobody.bClosed) {
+    pollfd one{fd, POLLOUT, 0};
+    ASSERT_GT(poll(&one, 1, static_cast<int>(kTestDeadlineMs)), 0);
+    transport.OnIo((one.revents & POLLIN) != 0, (one.revents & POLLOUT) != 0,
+                   (one.revents & (POLLERR | POLLHUP)) != 0);
+  }
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
 TEST(TlsPlain, Mqtt_GoesToLoopbackOnly) {
-  struct CNobody : IMqttEvents {
-    void OnTcpUp() override {}
-    void OnConnack() override {}
-    void OnSubscribed() override {}
-    void OnClosed(EMqttFailure, const std::string&) override {}
-    void OnAck(uint64_t) override {}
-    void OnPush(std::string_view, std::string_view) override {}
-    void OnAlive() override {}
-  } nobody;
+  CNobody nobody;
   const _TlsSettings tls;
   CMosquittoTransport transport(tls, nobody);
   _MqttOpen open;

@@ -96,10 +96,12 @@ class CTlsRecovery : public ::testing::Test {
     return R"({"v":1,"pcid":"","short":"","long":")" + strLong + R"(","spread_sec":0,"refresh_sec":60})";
   }
   std::unique_ptr<CCloudLink> NewLink(uint16_t wTconfPort) {
+    m_home.WriteFile("zxagent.json", "{\"tconf\":{\"tconf_url\":\"127.0.0.1:" + std::to_string(wTconfPort) +
+                                         "\"},\"zxcloudconf\":{\"ca_file\":\"" + m_ca.File() +
+                                         "\",\"db_path\":\"zxcloud.db\"}}");
     _CloudConfig config;
-    config.listTconf.push_back({"127.0.0.1", wTconfPort, false});
-    config.tls.strCaFile = m_ca.File();
-    config.spool.strFile = m_home.Path("zxcloud.db").Str();
+    std::string strError;
+    EXPECT_TRUE(LoadCloudConfig(m_home.Path("zxagent.json").Str(), "", config, strError)) << strError;
     _CloudOptions options;
     options.Merge("mid=m-1:cloudtcp_disable=0");
     auto pLink = std::make_unique<CCloudLink>(m_record, config, options, m_times);
