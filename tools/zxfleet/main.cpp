@@ -4,6 +4,8 @@
 #include <cinttypes>
 #include <cstdio>
 
+#include "FleetCert.h"
+#include "LiveRun.h"
 #include "Report.h"
 #include "Simulation.h"
 
@@ -26,6 +28,37 @@ void DefineSimulate(CLI::App& app, _SimSettings& sim, double& dAwaySec, double& 
   pSim->add_option("--backlog", sim.uBacklog, "connections that wait for that; more are not answered");
   pSim->add_flag("--silent", sim.bSilent, "away means no answer, instead of a refusal");
   pSim->add_option("--seed", sim.u64Seed, "another one, another chance");
+}
+
+void DefineLive(CLI::App& app, _LiveSettings& live) {
+  CLI::App* pLive = app.add_subcommand("run", "whole links with real sockets and TLS, in this process");
+  pLive->add_option("--links", live.uLinks, "how many")->check(CLI::Range(1, 20000));
+  pLive->add_option("--away", live.dAwaySec, "seconds that the server is away")
+      ->check(CLI::Range(0.0, 86400.0));
+  pLive->add_option("--after", live.dAfterSec, "seconds to look on after its return")
+      ->check(CLI::Range(1.0, 86400.0));
+  pLive->add_option("--spread", live.uSpreadSec, "spread_sec")->check(CLI::Range(0, 600));
+  pLive->add_option("--scale", live.uScale, "divides the times of outage, spread and back-off")
+      ->check(CLI::Range(1, 100));
+  pLive->add_option("--queued", live.uQueued, "uploads of 1 KB given to each link while the server is away");
+  pLive->add_option("--start-over", live.dwStartOverMs, "milliseconds over which the links are started");
+  pLive->add_option("--long", live.strLong,
+                    "brokers to hold on to instead; their certificate is that of --dir");
+  pLive->add_option("--hold", live.uHoldSec, "with --long: seconds that the fleet stays idle")
+      ->check(CLI::Range(0, 86400));
+  pLive->add_option("--watch", live.iWatch, "process whose memory and CPU time are printed");
+  pLive->add_option("--dir", live.strDir, "where certificate, configurations and spools stand");
+}
+
+int RunCert(const std::string& strDir) {
+  _FleetCert cert;
+  std::string strError;
+  if (!MakeFleetCert(strDir + "/", cert, strError)) {
+    std::fprintf(stderr, "zxfleet: %s\n", strError.c_str());
+    return 1;
+  }
+  std::printf("certificate and CA file %s, key %s\n", cert.strCert.c_str(), cert.strKey.c_str());
+  return 0;
 }
 
 void PrintSince(const char* pszWhat, uint64_t u64Ms) {
@@ -54,14 +87,23 @@ int main(int iArgc, char** pArgv) {
   CLI::App app("zxfleet: what a fleet of links does to its cloud");
   app.require_subcommand(1);
   _SimSettings sim;
+  _LiveSettings live;
+  std::string strCertDir;
   double dAwaySec = 120;
   double dAfterSec = 600;
   DefineSimulate(app, sim, dAwaySec, dAfterSec);
+  DefineLive(app, live);
+  CLI::App* pCert = app.add_subcommand("cert", "the certificate alone, for a broker to be measured");
+  pCert->add_option("--dir", strCertDir, "an existing directory")->required();
   try {
     app.parse(iArgc, pArgv);
   } catch (const CLI::ParseError& e) {
     return app.exit(e) == 0 ? 0 : 2;
   }
+  if (app.got_subcommand(pCert))
+    return RunCert(strCertDir);
+  if (app.got_subcommand("run"))
+    return RunLive(live) ? 0 : 1;
   sim.u64AwayMs = static_cast<uint64_t>(dAwaySec * 1000);
   sim.u64AfterMs = static_cast<uint64_t>(dAfterSec * 1000);
   return RunSimulate(sim);
