@@ -139,8 +139,8 @@ def relay(build, messages=4000, rounds=7):
     with System(build) as system:
         library = "lib/plugins/libbench_relay.so"
         shutil.copy(os.path.join(build, "bench", "libbench_relay.so"), system.agent.path(library))
-        edit_plugins(system.agent, lambda plugins: plugins + [
-            {"name": "benchrelay", "path": library, "guid": "9946467F-0102-46E8-ACAC-B9EFE3CD68FD"}])
+        own = {"name": "benchrelay", "path": library, "guid": "9946467F-0102-46E8-ACAC-B9EFE3CD68FD"}
+        edit_plugins(system.agent, lambda plugins: [own] + [plugin for plugin in plugins if plugin["guid"] != own["guid"]])
         os.makedirs(system.agent.path("run"), exist_ok=True)
         system.start_agent()
         with open(system.agent.path("run/relay.go.tmp"), "w", encoding="ascii") as text:

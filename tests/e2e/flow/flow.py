@@ -80,8 +80,8 @@ def steps(agent, cloud, mid):
          "6 its outcome went back")
     need(line(agent, "zxtaskmgr.log", r"upload result u64DataId\[%s\] iResult\[0\]" % result_id),
          "6 the task manager was told")
-    uploads = cloud.status().get("uploads", {})
-    need(uploads.get("received", 0) >= 2, "6 the cloud has acknowledgement and result")
+    need(cloud.wait_upload(SECONDS, lambda row, body: COMMAND_ID in body and "used_percent" in body, "--kind", "data"),
+         "6 the cloud has the result")
 
 
 def main():
