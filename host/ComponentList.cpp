@@ -75,16 +75,18 @@ bool ReadFileAt(int iDirectory, bool bTrustedOnly, std::string& strText, CPStrin
     strError = WhyNotTrusted(st, "the manifest");
   if (!strError.IsEmpty())
     return false;
-  strText.resize(kManifestMaxBytes + 1);
+  strText.resize(static_cast<size_t>(st.st_size) + 1);
   size_t uLength = 0;
   ssize_t iRead = 0;
   while (uLength < strText.size() &&
          (iRead = read(fd.Get(), strText.data() + uLength, strText.size() - uLength)) > 0)
     uLength += static_cast<size_t>(iRead);
-  strText.resize(uLength);
   if (iRead < 0)
     strError = ErrnoText("the manifest");
-  return iRead >= 0;
+  else if (uLength == strText.size())
+    strError = "the manifest grew while it was read";  // and is looked at again
+  strText.resize(uLength);
+  return strError.IsEmpty();
 }
 
 // For logs and answers: a directory's name may hold any byte but "/".

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <cstdio>
 #include <cstring>
 
 namespace {
@@ -156,6 +157,7 @@ void CPeerBus::Listen(const FnSay& say) {
 std::string RunAs(uid_t uid, const std::function<std::string()>& fn) {
   int fds[2];
   EXPECT_EQ(pipe(fds), 0);
+  std::fflush(nullptr);  // or the child may write it once more
   const pid_t iPid = fork();
   if (iPid == 0) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
@@ -173,6 +175,7 @@ std::string RunAs(uid_t uid, const std::function<std::string()>& fn) {
 CPeerProcess::CPeerProcess(uid_t uid, const std::function<void(const FnSay&)>& fn) {
   int fds[2];
   EXPECT_EQ(pipe(fds), 0);
+  std::fflush(nullptr);
   m_iPid = fork();
   if (m_iPid == 0) {
     close(fds[0]);

@@ -122,6 +122,42 @@ TEST_F(HostMethods, Components_AreManifestsPluginsAndPeers) {
   })) << m_strAnswer;
 }
 
+// A program of the component kit, under the user of its manifest, over two daemons.
+TEST_F(HostMethods, RealComponent_JoinsAsItsUser_AndReturnsWithTheDaemon) {
+  const passwd* pGames = getpwnam("games");
+  const uid_t uid = geteuid() == 0 && pGames != nullptr ? pGames->pw_uid : kSelf;
+  m_host.Home().MakeDir("elsewhere", 0777);
+  m_host.Home().WriteFile(
+      "etc/coms/client/sample/config.json",
+      R"({"plugins":[{"id":"5A3B7C1E-2D4F-4A6B-8C9D-0E1F2A3B4C5D"}],"bus":{"user":"games"}})");
+  const std::string strHome = m_host.Home().Path("elsewhere").Str();
+  // A program that is not allowed yet would end, for its supervisor to start it again.
+  const std::string strName = ComponentName("5A3B7C1E-2D4F-4A6B-8C9D-0E1F2A3B4C5D");
+  ASSERT_TRUE(
+      EventuallyTrue([&] { return RunAs(uid, [&] { return CPeerBus(Address()).Own(strName); }) == "ok"; }));
+  const CPeerProcess sample(uid, [&](const FnSay& say) {
+    say(access(ZX_SAMPLE_PROGRAM, X_OK) == 0 ? "there" : "out of reach");
+    setenv("ZX_LOG_DIR", strHome.c_str(), 1);
+    execl(ZX_SAMPLE_PROGRAM, ZX_SAMPLE_PROGRAM, "--home", strHome.c_str(), "--bus", Address().c_str(),
+          static_cast<char*>(nullptr));
+  });
+  if (sample.Ready() != "there")
+    GTEST_SKIP() << "the build tree is out of the other user's reach";
+  const auto joined = [&] {
+    return EventuallyTrue([&] {
+      return Call("components", "{}") == 0 && Text(Component("sample"), "joined") == "true" &&
+             Text(Component("sample"), "pid") == std::to_string(sample.Pid()) &&
+             Text(Component("sample"), "uid") == std::to_string(uid == kSelf ? geteuid() : uid);
+    });
+  };
+  ASSERT_TRUE(joined()) << m_strAnswer << m_host.HostLog();
+  ASSERT_EQ(Call("status", "{}"), 0u);
+  ASSERT_EQ(kill(std::atoi(Text(Member("bus"), "daemon_pid").c_str()), SIGKILL), 0);
+  EXPECT_TRUE(EventuallyTrue(
+      [&] { return Call("status", "{}") == 0 && Text(Member("bus"), "daemon_starts") == "2"; }));
+  EXPECT_TRUE(joined()) << m_strAnswer;
+}
+
 TEST_F(HostMethods, LogLevel_HoldsForEveryChannel_UntilZero) {
   ASSERT_EQ(Call("log_level", R"({"level":4})"), 0u);
   EXPECT_EQ(m_strAnswer, R"({"level":4})");
