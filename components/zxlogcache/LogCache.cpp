@@ -9,6 +9,7 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
+#include <exception>
 
 #include "platform/os/ZxFile.h"
 #include "platform/os/ZxThread.h"
@@ -131,29 +132,40 @@ void CLogCache::Run() {
   m_bPaused = false;
   while (!m_bStop) {
     const uint64_t u64NowMs = ZxGetTickCount();
-    TakeEvents(u64NowMs);
-    if (m_store.IsOpen() || OpenStore()) {
-      if (u64NowMs >= m_u64NextLookMs) {
-        OpenSockets();
-        m_bLookAtFiles = true;
-        m_u64NextLookMs = u64NowMs + kLookMs;
-      }
-      ReadInputs(u64NowMs);
-      if (HasWork(u64NowMs))
-        Store(u64NowMs);
-      for (const auto& pSource : m_sources) {
-        for (const auto& pSocket : pSource->sockets) {
-          if (pSource->chunks.Bytes() == 0)
-            pSocket->Committed();
-        }
-      }
-      m_pForward->Send(m_store, u64NowMs);
+    try {
+      Turn(u64NowMs);
+    } catch (const std::exception& e) {  // out of memory; what was read and not stored is still there
+      LogErrorTo(Log(), "**zxlogforward what[%s], goes on", e.what());
+      m_store.Rollback();
+      m_pForward->RolledBack();
+      m_u64NextLookMs = u64NowMs + kLookMs;
     }
-    WriteStatus(u64NowMs);
     Wait(u64NowMs);
   }
   m_sources.clear();
   m_store.Close();
+}
+
+void CLogCache::Turn(uint64_t u64NowMs) {
+  TakeEvents(u64NowMs);
+  if (m_store.IsOpen() || OpenStore()) {
+    if (u64NowMs >= m_u64NextLookMs) {
+      OpenSockets();
+      m_bLookAtFiles = true;
+      m_u64NextLookMs = u64NowMs + kLookMs;
+    }
+    ReadInputs(u64NowMs);
+    if (HasWork(u64NowMs))
+      Store(u64NowMs);
+    for (const auto& pSource : m_sources) {
+      for (const auto& pSocket : pSource->sockets) {
+        if (pSource->chunks.Bytes() == 0)
+          pSocket->Committed();
+      }
+    }
+    m_pForward->Send(m_store, u64NowMs);
+  }
+  WriteStatus(u64NowMs);
 }
 
 void CLogCache::Wait(uint64_t u64NowMs) {

@@ -57,6 +57,7 @@ class CLogCache final : public CComponent, private IMRSendComplete {
   void Put(const _Event& event);
   void Wake() const;
   void Run();
+  void Turn(uint64_t u64NowMs);
   void Wait(uint64_t u64NowMs);
   void TakeEvents(uint64_t u64NowMs);
 

@@ -151,6 +151,8 @@ bool CStore::Commit() {
 }
 
 void CStore::Rollback() {
+  if (!m_bInside)
+    return;
   m_db.Exec("ROLLBACK");  // fails harmlessly when SQLite has rolled back already
   m_held = m_before;
   m_formed = m_formedBefore;

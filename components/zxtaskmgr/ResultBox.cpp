@@ -4,6 +4,7 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 
 #include "platform/os/ZxFile.h"
@@ -143,19 +144,31 @@ void CResultBox::Run() {
         break;
     }
     const uint64_t u64NowMs = ZxGetTickCount();
-    for (const _Event& event : events) {
-      if (event.eKind == _Event::Policy)
-        PolicyAnswered(event.uiStatus, u64NowMs);
-      else if (event.eKind == _Event::Result)
-        m_pForward->OnResult(event.u64DataId, static_cast<int32_t>(event.uiStatus), u64NowMs);
-      else
-        m_pForward->OnReply(event.u64DataId, event.uiStatus, u64NowMs);
+    try {
+      Turn(news, events, u64NowMs);
+    } catch (const std::exception& e) {  // out of memory
+      LogErrorTo(m_hLog, "**zxtaskmgr what[%s], goes on", e.what());
+      m_store.Rollback();
+      m_pForward->RolledBack();
+      m_u64RetryMs = u64NowMs + kRetryStoreMs;
+      m_bSick = true;
     }
-    Keep(news, u64NowMs);
-    SendPolicy(u64NowMs);
     u64NextMs = m_bSick || !m_store.IsOpen() ? m_u64RetryMs : m_pForward->NextMs(u64NowMs);
   }
   m_store.Close();
+}
+
+void CResultBox::Turn(std::vector<_New>& news, const std::vector<_Event>& events, uint64_t u64NowMs) {
+  for (const _Event& event : events) {
+    if (event.eKind == _Event::Policy)
+      PolicyAnswered(event.uiStatus, u64NowMs);
+    else if (event.eKind == _Event::Result)
+      m_pForward->OnResult(event.u64DataId, static_cast<int32_t>(event.uiStatus), u64NowMs);
+    else
+      m_pForward->OnReply(event.u64DataId, event.uiStatus, u64NowMs);
+  }
+  Keep(news, u64NowMs);
+  SendPolicy(u64NowMs);
 }
 
 bool CResultBox::Open(uint64_t u64NowMs) {

@@ -58,6 +58,7 @@ class CResultBox : private IMRSendComplete {
                     unsigned int uiResponseLength, unsigned long long ui64ACT, void* pContext) override;
   void Put(const _Event& event);
   void Run();
+  void Turn(std::vector<_New>& news, const std::vector<_Event>& events, uint64_t u64NowMs);
   bool Open(uint64_t u64NowMs);
   void Keep(std::vector<_New>& news, uint64_t u64NowMs);
   bool Store(const std::vector<_New>& news, uint64_t u64NowMs);

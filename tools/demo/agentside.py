@@ -5,6 +5,7 @@ import os
 import shutil
 import subprocess
 
+from componentside import Components
 from processes import Child, StepFailed, wait_for
 
 # In a mount namespace of its own the host sees copies of /etc and of the older agent's folder. They live in a
@@ -52,6 +53,8 @@ class Agent:
         for source, target in (("ca.pem", "ca.pem"), ("agent.pem", "agent.pem"), ("agent.key", "agent.key")):
             shutil.copyfile(certificates.path(source), self.path("etc/certs/" + target))
         os.chmod(self.path("etc/certs/agent.key"), 0o600)
+        os.chmod(folder, 0o711)  # components of other users pass through; keys and states have folders of their own
+        self.components = Components(self.home)
 
     def path(self, relative):
         return os.path.join(self.home, relative)

@@ -66,7 +66,7 @@ class MachineStory:
     def log_cache(self):
         with socket.socket(socket.AF_UNIX) as sender:
             sender.settimeout(self.limit)
-            self.need(wait_for(lambda: sender.connect_ex(self.agent.path("run/logcache.sock")) == 0, self.limit),
+            self.need(wait_for(lambda: sender.connect_ex(self.agent.path("data/zxlogcache/stream.sock")) == 0, self.limit),
                       "the log-cache forwarder does not listen")
             sender.sendall(("\n".join(RECORDS) + "\n").encode())
             sender.shutdown(socket.SHUT_WR)

@@ -30,13 +30,14 @@ def _child_setup():
 class Child:
     """A program whose output goes to a log file."""
 
-    def __init__(self, name, arguments, log_file, environment=None):
+    def __init__(self, name, arguments, log_file, environment=None, account=None):
         self.name = name
         self.log_file = log_file
+        who = {} if account is None else {"user": account.pw_uid, "group": account.pw_gid, "extra_groups": []}
         with open(log_file, "ab") as log:
             self.process = subprocess.Popen(arguments, stdin=subprocess.DEVNULL, stdout=log, stderr=log,
                                             start_new_session=True, preexec_fn=_child_setup,
-                                            env={**os.environ, **(environment or {})})
+                                            env={**os.environ, **(environment or {})}, **who)
 
     def running(self):
         return self.process.poll() is None
