@@ -15,6 +15,7 @@
 #include <new>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "platform/Api.h"
@@ -55,6 +56,8 @@ class CComponent : private IMRReceiveComplete {
   // The host's calls, in their order.
   void Initialize(std::string strHome);
   void SetBus(IBusContext* pBus) { m_pBus = pBus; }
+  // Where the component keeps its files, when that is not below the home; ends in "/".
+  void SetDataDir(std::string strDir) { m_strDataDir = std::move(strDir); }
   int Start();  // 0, or -1 (logged) with the bus left again
   int Stop();
 
@@ -66,6 +69,10 @@ class CComponent : private IMRReceiveComplete {
 
   IBusContext* Bus() const { return m_pBus; }
   const std::string& Home() const { return m_strHome; }  // ends in "/"
+  // The component's own folder, data/<name>/ of the home unless it was told another; it may not exist yet.
+  std::string DataDir(const char* pszName) const {
+    return m_strDataDir.empty() ? m_strHome + "data/" + pszName + "/" : m_strDataDir;
+  }
 
  private:
   void ReceiveCallback(const GUID& recvGuid, long i64MsgType, const unsigned char* pData,
@@ -75,6 +82,7 @@ class CComponent : private IMRReceiveComplete {
   const char* const m_pszChannel;
   const std::vector<uint32_t> m_types;
   std::string m_strHome;
+  std::string m_strDataDir;
   HLog m_hLog = nullptr;
   IBusContext* m_pBus = nullptr;
 };

@@ -87,6 +87,8 @@ int RunComponent(CComponent& component, int argc, char** argv) {
 
   LogSetHome(CPString(options.strHome));
   component.Initialize(options.strHome);
+  if (const char* pszState = std::getenv("STATE_DIRECTORY"); pszState != nullptr && *pszState == '/')
+    component.SetDataDir(std::string(pszState) + "/");
   ZxBusConnectSettings settings;
   settings.pszAddress = options.strBus.c_str();
   settings.pfnState = &OnBusState;

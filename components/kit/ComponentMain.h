@@ -3,8 +3,9 @@
 //
 // The process connects to $ZX_BUS_ADDRESS or to run/bus of its home, joins under the component's GUID, and
 // goes on trying while the bus is away: a host may start later or again. SIGTERM and SIGINT end it in order.
-// Options: --home DIR (default: the directory above the program's own), --bus ADDRESS, --version, --help.
-// Exit codes: 0 ended as told, 1 the component could not start, 2 command line.
+// It keeps its files in $STATE_DIRECTORY when the service manager gives one, else in data/<name>/ of the
+// home. Options: --home DIR (default: the directory above the program's own), --bus ADDRESS, --version,
+// --help. Exit codes: 0 ended as told, 1 the component could not start, 2 command line.
 #pragma once
 
 #include "kit/Component.h"

@@ -54,6 +54,7 @@ class CLogCache final : public CComponent, private IMRSendComplete {
   bool OnStart() override;
   void OnStop() override;
 
+  std::string Folder() const { return DataDir("zxlogcache"); }
   void Put(const _Event& event);
   void Wake() const;
   void Run();

@@ -26,7 +26,6 @@ constexpr uint64_t kStatusMs = 500;
 constexpr uint64_t kSweepMs = 30000;          // records grow old without anything happening
 constexpr uint64_t kReserveBytes = 4u << 20;  // two of the largest transactions
 constexpr uint64_t kRoomBytes = kReserveBytes + (4u << 20);
-constexpr char kReserve[] = "data/zxlogcache/reserve";
 // Below this part of the limit a full store takes input again.
 constexpr uint64_t kResumeAt = 10;
 
@@ -43,7 +42,7 @@ bool CLogCache::OpenStore() {
   if (u64NowMs < m_u64RetryStoreMs)
     return false;
   m_u64RetryStoreMs = u64NowMs + kRetryStoreMs;
-  const std::string strDir = Home() + "data/zxlogcache/";
+  const std::string strDir = Folder();
   std::error_code error;
   std::filesystem::create_directories(strDir, error);
   std::string strSetAside;
@@ -275,7 +274,7 @@ void CLogCache::StoreFailed(uint64_t u64NowMs) {
   if (!bFull || m_bNoRoom)
     return;
   // What is held can be sent and let go even now: the reserve makes room for the notes of that.
-  unlink((Home() + kReserve).c_str());
+  unlink((Folder() + "reserve").c_str());
   m_bNoRoom = true;
   m_u64RetryStoreMs = u64NowMs;
 }
@@ -290,13 +289,12 @@ void CLogCache::StoreWorks() {
 
 // True: the reserve is there. It is only made when the disk has room for more than it.
 bool CLogCache::KeepReserve() {
-  const std::string strReserve = Home() + kReserve;
+  const std::string strReserve = Folder() + "reserve";
   struct stat st {};
   if (stat(strReserve.c_str(), &st) == 0 && static_cast<uint64_t>(st.st_size) == kReserveBytes)
     return true;
   struct statvfs fs {};
-  if (statvfs((Home() + "data/zxlogcache").c_str(), &fs) != 0 ||
-      uint64_t{fs.f_bavail} * fs.f_frsize < kRoomBytes)
+  if (statvfs(Folder().c_str(), &fs) != 0 || uint64_t{fs.f_bavail} * fs.f_frsize < kRoomBytes)
     return false;
   const int hReserve = open(strReserve.c_str(), O_CREAT | O_WRONLY | O_CLOEXEC | O_NOFOLLOW, 0600);
   if (hReserve < 0)
@@ -341,7 +339,7 @@ void CLogCache::WriteStatus(uint64_t u64NowMs) {
   if (strJson.Str() == m_strStatus)
     return;
   m_strStatus = strJson.Str();
-  const CPString strFile(Home() + "data/zxlogcache/status.json");
+  const CPString strFile(Folder() + "status.json");
   if (ZxSaveFileData(strFile + ".tmp", strJson))
     (void)rename((strFile + ".tmp").c_str(), strFile.c_str());
 }

@@ -86,8 +86,8 @@ class CReader {
   std::string& m_strError;
 };
 
-std::string Absolute(const std::string& strPath, const std::string& strHome) {
-  return strPath.empty() || strPath.front() == '/' ? strPath : strHome + strPath;
+std::string Absolute(const std::string& strPath, const std::string& strFolder) {
+  return strPath.empty() || strPath.front() == '/' ? strPath : strFolder + strPath;
 }
 
 // A user name or number.
@@ -110,7 +110,7 @@ bool IsHeaderText(const std::string& strText) {
   return strText.size() <= 63 && strText.find_first_of(std::string("<>\0\r\n", 5)) == std::string::npos;
 }
 
-void ReadSocket(CReader& reader, HJsonNode hSocket, const std::string& strHome, _SourceSettings& source) {
+void ReadSocket(CReader& reader, HJsonNode hSocket, const std::string& strFolder, _SourceSettings& source) {
   _SocketSettings sock;
   std::string strMode = "0660";
   reader.Text(hSocket, "path", sock.strPath);
@@ -120,7 +120,7 @@ void ReadSocket(CReader& reader, HJsonNode hSocket, const std::string& strHome, 
   reader.Choice(hSocket, "framing", sock.eFraming,
                 {{"lines", EFraming::Lines}, {"octets", EFraming::Octets}});
   reader.Flag(hSocket, "ack", sock.bAck);
-  sock.strPath = Absolute(sock.strPath, strHome);
+  sock.strPath = Absolute(sock.strPath, strFolder);
   if (sock.strPath.empty() || sock.strPath.size() > 107)
     reader.Fail("socket path of source " + source.strName + " is missing or longer than 107 bytes");
   if (strMode.empty() || strMode.size() > 4 || strMode.find_first_not_of("01234567") != std::string::npos)
@@ -139,19 +139,19 @@ void ReadSocket(CReader& reader, HJsonNode hSocket, const std::string& strHome, 
   source.sockets.push_back(std::move(sock));
 }
 
-void ReadFiles(CReader& reader, HJsonNode hSource, const std::string& strHome, _SourceSettings& source) {
+void ReadFiles(CReader& reader, HJsonNode hSource, const std::string& strFolder, _SourceSettings& source) {
   for (const HJsonNode hFile : reader.List(reader.Find(hSource, "files"))) {
     _FileSettings file;
     reader.Text(hFile, "path", file.strPath);
     reader.Choice(hFile, "from", file.bFromEnd, {{"start", false}, {"end", true}});
-    file.strPath = Absolute(file.strPath, strHome);
+    file.strPath = Absolute(file.strPath, strFolder);
     if (file.strPath.empty() || file.strPath.back() == '/')
       reader.Fail("a file of source " + source.strName + " has no path");
     source.files.push_back(std::move(file));
   }
 }
 
-void ReadSource(CReader& reader, HJsonNode hSource, const std::string& strHome, _SourceSettings& source) {
+void ReadSource(CReader& reader, HJsonNode hSource, const std::string& strFolder, _SourceSettings& source) {
   source.strGuid = kOwnGuid;
   reader.Text(hSource, "name", source.strName);
   reader.Text(hSource, "guid", source.strGuid);
@@ -168,8 +168,8 @@ void ReadSource(CReader& reader, HJsonNode hSource, const std::string& strHome, 
   if (!IsHeaderText(source.strProduct) || !IsHeaderText(source.strCombo))
     reader.Fail("product or combo of source " + source.strName + " has brackets or more than 63 bytes");
   for (const HJsonNode hSocket : reader.List(reader.Find(hSource, "sockets")))
-    ReadSocket(reader, hSocket, strHome, source);
-  ReadFiles(reader, hSource, strHome, source);
+    ReadSocket(reader, hSocket, strFolder, source);
+  ReadFiles(reader, hSource, strFolder, source);
 }
 
 bool CheckTogether(CReader& reader, const _Settings& settings) {
@@ -199,7 +199,7 @@ bool CheckTogether(CReader& reader, const _Settings& settings) {
 
 }  // namespace
 
-bool ParseSettings(std::string_view text, const std::string& strHome, _Settings& settings,
+bool ParseSettings(std::string_view text, const std::string& strFolder, _Settings& settings,
                    std::string& strError) {
   settings = _Settings();
   strError.clear();
@@ -209,7 +209,7 @@ bool ParseSettings(std::string_view text, const std::string& strHome, _Settings&
     return reader.Fail("no JSON");
   const HJsonNode hRoot = json.GetRoot();
   for (const HJsonNode hSource : reader.List(reader.Find(hRoot, "sources")))
-    ReadSource(reader, hSource, strHome, settings.sources.emplace_back());
+    ReadSource(reader, hSource, strFolder, settings.sources.emplace_back());
   const HJsonNode hStore = reader.Find(hRoot, "store");
   reader.Number(hStore, "max_bytes", settings.u64MaxBytes, 1 << 20, 1099511627776.0);
   reader.Number(hStore, "max_age_sec", settings.i64MaxAgeMs, 60, 315360000, 1000);

@@ -55,9 +55,9 @@ struct _Settings {
   uint32_t uiMaxClients = 64;
 };
 
-// The text of the configuration file. Relative paths are taken below strHome (which ends in "/"). An empty
+// The text of the configuration file. Relative paths are taken below strFolder (which ends in "/"). An empty
 // text gives one source "local" without inputs. False: strError says what is wrong; settings is unspecified.
-bool ParseSettings(std::string_view text, const std::string& strHome, _Settings& settings,
+bool ParseSettings(std::string_view text, const std::string& strFolder, _Settings& settings,
                    std::string& strError);
 
 }  // namespace zxlogcache

@@ -154,7 +154,7 @@ class CSample final : public CComponent {
   }
 
   bool Save(const char* pszName, const CPString& strAnswer) {
-    const std::string strDir = Home() + "data/zxsample/";
+    const std::string strDir = DataDir("zxsample");
     std::error_code error;
     std::filesystem::create_directories(strDir, error);
     const CPString strFile(strDir + pszName);

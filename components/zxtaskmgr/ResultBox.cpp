@@ -64,8 +64,8 @@ bool ParseUploadResult(std::string_view data, uint64_t& u64DataId, int32_t& iRes
   return true;
 }
 
-void CResultBox::Start(const std::string& strHome, IBusContext* pBus, HLog hLog) {
-  m_strHome = strHome;
+void CResultBox::Start(const std::string& strDir, IBusContext* pBus, HLog hLog) {
+  m_strDir = strDir;
   m_pBus = pBus;
   m_hLog = hLog;
   m_bStop = false;
@@ -179,8 +179,8 @@ bool CResultBox::Open(uint64_t u64NowMs) {
   m_u64RetryMs = u64NowMs + kRetryStoreMs;
   std::error_code error;
   std::string strSetAside;
-  std::filesystem::create_directories(m_strHome + "data/zxtaskmgr/", error);
-  const bool bOpen = m_store.Open(m_strHome + "data/zxtaskmgr/results.db", WallMs(), strSetAside);
+  std::filesystem::create_directories(m_strDir, error);
+  const bool bOpen = m_store.Open(m_strDir + "results.db", WallMs(), strSetAside);
   m_store.SetClock(WallMs(), u64NowMs);
   if (!strSetAside.empty())
     LogErrorTo(m_hLog, "**zxtaskmgr store is damaged, begins a new one; kept as strFile[%s]", strSetAside);
@@ -244,7 +244,7 @@ void CResultBox::SendPolicy(uint64_t u64NowMs) {
   m_u64PolicyMs = u64NowMs + kLookForPoliciesMs;
   std::vector<std::string> names;
   std::error_code error;
-  const std::string strDir = m_strHome + "data/zxtaskmgr/policy/";
+  const std::string strDir = m_strDir + "policy/";
   for (std::filesystem::directory_iterator it(strDir, error), end; !error && it != end; it.increment(error)) {
     std::error_code ignored;
     if (it->path().extension() == ".json" && it->is_regular_file(ignored))
@@ -263,7 +263,7 @@ void CResultBox::SendPolicy(uint64_t u64NowMs) {
 }
 
 void CResultBox::PolicyAnswered(uint32_t uiStatus, uint64_t u64NowMs) {
-  const std::string strDir = m_strHome + "data/zxtaskmgr/policy/";
+  const std::string strDir = m_strDir + "policy/";
   std::error_code error;
   std::filesystem::create_directories(strDir + "taken", error);
   if (uiStatus == 0)

@@ -2,8 +2,8 @@
 // that the cloud has them (bus type 20105), repeated when refused. The same keeping and pacing as for log
 // caches (zxlogcache/Store.h, zxlogcache/Forward.h), one result for each send.
 //
-// Also hands policies back to the agent: each file that somebody puts into data/zxtaskmgr/policy/ is sent as
-// it is and, once the agent took it, moved to data/zxtaskmgr/policy/taken/.
+// Also hands policies back to the agent: each file that somebody puts into policy/ of its folder is sent as
+// it is and, once the agent took it, moved to policy/taken/.
 //
 // Threads: the thread "zxtaskmgr" owns the store; Start and Stop are the host's, everything else may come
 // from any thread and only queues.
@@ -36,7 +36,8 @@ class CResultBox : private IMRSendComplete {
   CResultBox(const CResultBox&) = delete;
   CResultBox& operator=(const CResultBox&) = delete;
 
-  void Start(const std::string& strHome, IBusContext* pBus, HLog hLog);
+  // strDir: the task manager's folder, ends in "/".
+  void Start(const std::string& strDir, IBusContext* pBus, HLog hLog);
   void Stop();
   // Keeps a result; fnKept runs on the thread once it is on the disk, or cannot be put there (false).
   void Add(const zxlogcache::_SourceSettings& source, std::string strBody, std::function<void(bool)> fnKept);
@@ -66,7 +67,7 @@ class CResultBox : private IMRSendComplete {
   void PolicyAnswered(uint32_t uiStatus, uint64_t u64NowMs);
   uint32_t Send(uint32_t uiType, const std::string& strData, void* pContext);
 
-  std::string m_strHome;
+  std::string m_strDir;
   IBusContext* m_pBus = nullptr;
   HLog m_hLog = nullptr;
   std::thread m_thread;

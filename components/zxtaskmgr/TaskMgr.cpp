@@ -1,7 +1,7 @@
 // Sample task manager: takes commands from the agent, passes each to its component, and answers the agent
 // with the component's status and data. What a component answered is also a task result: it is kept on disk
 // and handed to the agent until the cloud has it (ResultBox.h). The agent's list of GUIDs is kept in
-// data/zxtaskmgr/guidlist.json.
+// guidlist.json of its folder.
 #include <cerrno>
 #include <filesystem>
 #include <memory>
@@ -61,15 +61,15 @@ class CTaskMgr final : public CComponent, private IMRSendComplete {
   }
 
   bool OnStart() override {
-    m_results.Start(Home(), Bus(), Log());
+    m_results.Start(DataDir("zxtaskmgr"), Bus(), Log());
     return true;
   }
   void OnStop() override { m_results.Stop(); }
 
   bool KeepGuidList(std::string_view data) {
-    const CPString strFile(Home() + "data/zxtaskmgr/guidlist.json");
+    const CPString strFile(DataDir("zxtaskmgr") + "guidlist.json");
     std::error_code error;
-    std::filesystem::create_directories(Home() + "data/zxtaskmgr/", error);
+    std::filesystem::create_directories(DataDir("zxtaskmgr"), error);
     if (!ZxSaveFileData(strFile + ".tmp", CPString(data)) || !ZxSyncedRename(strFile + ".tmp", strFile))
       return LogWarnTo(Log(), "*zxtaskmgr cannot keep the GUID list strFile[%s] Error[%d]", strFile, errno) !=
              0;

@@ -21,6 +21,11 @@ def users_of_their_own():
         return False
 
 
+def log_of(name):
+    """The agent has a log called zxlogcache already."""
+    return "zxlogforward" if name == "zxlogcache" else name
+
+
 class Components:
     """Prepares a home so that its components run beside the host, and runs them."""
 
@@ -56,7 +61,7 @@ class Components:
         """What it writes stands below one folder of its own; its log can be found where the others are."""
         folder = self.path("data/%s" % name)
         os.makedirs(os.path.join(folder, "log"))
-        os.symlink("../data/%s/log/%s.log" % (name, name), self.path("log/%s.log" % name))
+        os.symlink("../data/%s/log/%s.log" % (name, log_of(name)), self.path("log/%s.log" % log_of(name)))
         if self.own_users:
             entry = pwd.getpwnam(user)
             for path in (folder, os.path.join(folder, "log")):

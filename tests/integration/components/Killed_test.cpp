@@ -110,7 +110,7 @@ class ForwarderProcess : public testing::Test {
   ForwarderProcess() {
     m_home.WriteFile("etc/zxlogcache.json",
                      R"({"sources":[{"name":"app","product":"p","combo":"c","body":"lines",
-      "sockets":[{"path":"run/in.sock","ack":true}]}],"batch":{"linger_ms":10,"max_bytes":4096},
+      "sockets":[{"path":"in.sock","ack":true}]}],"batch":{"linger_ms":10,"max_bytes":4096},
       "retry_min_ms":20,"retry_max_ms":200})");
     m_home.MakeDir("run");
     m_home.WriteFile(
@@ -149,7 +149,7 @@ class ForwarderProcess : public testing::Test {
   int Connect() const {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    m_home.Path("run/in.sock").Str().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    m_home.Path("data/zxlogcache/in.sock").Str().copy(address.sun_path, sizeof(address.sun_path) - 1);
     const int hFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     EXPECT_TRUE(EventuallyTrue(
         [&] { return connect(hFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0; },

@@ -21,7 +21,7 @@ class LogCacheRelay : public CAgentFixture {
   LogCacheRelay() {
     m_home.WriteFile("etc/zxlogcache.json",
                      R"({"sources":[{"name":"app","product":"veltcwpp","combo":"zxlogcache",
-      "body":"lines","sockets":[{"path":"run/in.sock","ack":true}]}],
+      "body":"lines","sockets":[{"path":"in.sock","ack":true}]}],
       "store":{"max_bytes":67108864},"batch":{"linger_ms":20,"max_bytes":65536},
       "retry_min_ms":20,"retry_max_ms":200})");
     m_log.Open("zxlogforward");
@@ -101,7 +101,7 @@ class LogCacheRelay : public CAgentFixture {
   int Connect() const {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    m_home.Path("run/in.sock").Str().copy(address.sun_path, sizeof(address.sun_path) - 1);
+    m_home.Path("data/zxlogcache/in.sock").Str().copy(address.sun_path, sizeof(address.sun_path) - 1);
     const int hFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     EXPECT_TRUE(EventuallyTrue(
         [&] { return connect(hFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0; }));

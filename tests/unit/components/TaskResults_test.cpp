@@ -84,7 +84,7 @@ class TaskResults : public testing::Test {
   }
   void Start() {
     m_pBox = std::make_unique<CResultBox>();
-    m_pBox->Start(m_home.Root().Str(), m_pBus, m_log.Open("zxtaskmgr"));
+    m_pBox->Start(m_home.Path("data/zxtaskmgr/").Str(), m_pBus, m_log.Open("zxtaskmgr"));
   }
   void Restart() {
     m_pBox->Stop();

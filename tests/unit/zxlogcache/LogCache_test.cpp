@@ -126,7 +126,7 @@ class LogCache : public testing::Test {
   void Configure(const std::string& strMore, const std::string& strStore = R"({"max_bytes":4194304})") {
     m_home.WriteFile("etc/zxlogcache.json",
                      CPString(R"({"sources":[{"name":"app","product":"p","combo":"c","body":"lines",
-      "sockets":[{"path":"run/in.sock","ack":true},{"type":"datagram","path":"run/dg.sock"}],
+      "sockets":[{"path":"in.sock","ack":true},{"type":"datagram","path":"dg.sock"}],
       "files":[{"path":"app.log"}]}],"batch":{"linger_ms":20,"max_bytes":4096},"retry_min_ms":20,"retry_max_ms":100,)" +
                               strMore + R"("store":)" + strStore + "}"));
   }
@@ -146,7 +146,7 @@ class LogCache : public testing::Test {
     EXPECT_TRUE(EventuallyTrue([&] {
       sockaddr_un address{};
       address.sun_family = AF_UNIX;
-      m_home.Path("run/in.sock").Str().copy(address.sun_path, sizeof(address.sun_path) - 1);
+      m_home.Path("data/zxlogcache/in.sock").Str().copy(address.sun_path, sizeof(address.sun_path) - 1);
       hFd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
       if (connect(hFd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0)
         return true;
@@ -189,7 +189,7 @@ class LogCache : public testing::Test {
 
 TEST_F(LogCache, Lines_BecomeLogCaches_AndGoOnceTheCloudHasThem) {
   CAgent agent;
-  m_home.WriteFile("app.log", "from a file\n");
+  m_home.WriteFile("data/zxlogcache/app.log", "from a file\n");
   ASSERT_TRUE(Start());
   Feed(0, 100);
   EXPECT_TRUE(agent.WaitLines(101));
@@ -264,11 +264,12 @@ TEST_F(LogCache, StrangersResults_CountForNothing) {
 }
 
 TEST_F(LogCache, FullStore_DropsTheOldest_AndCounts) {
+  m_home.MakeDir("data/zxlogcache");
   Configure(R"("max_record_bytes":65536,)", R"({"max_bytes":1048576})");
   ASSERT_TRUE(Start());
   const std::string strTail(10000, 'x');
   {
-    std::ofstream file(m_home.Path("app.log").Str());
+    std::ofstream file(m_home.Path("data/zxlogcache/app.log").Str());
     for (int i = 0; i < 300; ++i)
       file << "line-" << i << " " << strTail << "\n";
   }
@@ -285,11 +286,12 @@ TEST_F(LogCache, FullStore_DropsTheOldest_AndCounts) {
 }
 
 TEST_F(LogCache, FullStore_ThatRefuses_LosesNothing) {
+  m_home.MakeDir("data/zxlogcache");
   Configure(R"("max_record_bytes":65536,)", R"({"max_bytes":1048576,"when_full":"refuse"})");
   ASSERT_TRUE(Start());
   const std::string strTail(10000, 'x');
   {
-    std::ofstream file(m_home.Path("app.log").Str());
+    std::ofstream file(m_home.Path("data/zxlogcache/app.log").Str());
     for (int i = 0; i < 300; ++i)
       file << "line-" << i << " " << strTail << "\n";
   }
