@@ -16,6 +16,7 @@ namespace {
 constexpr size_t kReservePart = 16;  // one part in this many of the bound is for urgent records
 constexpr size_t kBatchRecords = 1024;
 constexpr size_t kBatchBytes = 8u << 20;
+constexpr size_t kPortion = 64;  // deletes of one commit on a full disk
 constexpr uint64_t kGatherUs = 200;
 constexpr size_t kGatherFrom = 4;  // a batch this large shows that many send at once
 constexpr uint64_t kSweepMs = 3600000;
@@ -472,7 +473,7 @@ void CSpool::CommitBatch() {
   }
   // A full disk takes no record, but gives back the room of those that are done.
   const bool bFull = eResult == ESpoolResult::Full && m_file.IsOpen();
-  const ESpoolResult eDeletes = bFull && !listDone.empty() ? CommitOnce(listDone, false) : eResult;
+  const ESpoolResult eDeletes = bFull ? DeleteInPortions(listDone) : eResult;
   if (!listDone.empty())
     m_due.u64Delete = m_ports.clock.NowMs() + m_times.dwReopenFirst;
   m_ports.outbox.BackDone(std::move(listDone));
@@ -484,6 +485,19 @@ void CSpool::CommitBatch() {
   Refuse(bFull ? kZxcloudErrFull : kZxcloudErrSpool);
   if (!bFull || (eDeletes != ESpoolResult::Ok && eDeletes != ESpoolResult::Full))
     Unusable(eResult);
+}
+
+// Small commits fit into the reserved part of the log.
+ESpoolResult CSpool::DeleteInPortions(std::vector<_SpoolEntry>& listDone) {
+  ESpoolResult eResult = ESpoolResult::Ok;
+  while (!listDone.empty() && eResult == ESpoolResult::Ok) {
+    const auto itFrom = listDone.end() - static_cast<ptrdiff_t>(std::min(listDone.size(), kPortion));
+    std::vector<_SpoolEntry> listPortion(itFrom, listDone.end());
+    eResult = CommitOnce(listPortion, false);
+    if (eResult == ESpoolResult::Ok)
+      listDone.erase(itFrom, listDone.end());
+  }
+  return eResult;
 }
 
 void CSpool::Committed(size_t uInserted) {

@@ -125,6 +125,7 @@ class CSpool : public ISpoolWishes {
   void Work();
   void CommitBatch();
   ESpoolResult CommitOnce(std::vector<_SpoolEntry>& listDone, bool bInserts);
+  ESpoolResult DeleteInPortions(std::vector<_SpoolEntry>& listDone);
   void Committed(size_t uInserted);
   void LoadBodies();
   bool LoadQueue(int iQueue);

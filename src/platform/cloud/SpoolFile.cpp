@@ -77,6 +77,7 @@ ESpoolResult CSpoolFile::OpenChecked(bool bFull, TFound& listFound) {
   options.bExclusive = true;
   options.bGiveBack = true;
   options.bKeepWal = true;
+  options.bErase = false;
   options.bSpill = false;
   options.iCacheKb = kCacheKb;
   options.iCheckpointPages = kCheckpointPages;

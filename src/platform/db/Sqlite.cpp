@@ -118,6 +118,7 @@ bool CSqlite::Open(const std::string& strFile, const _SqliteOptions& options) {
          (!options.bExclusive || Exec("PRAGMA locking_mode=EXCLUSIVE")) && Exec("PRAGMA journal_mode=WAL") &&
          Exec(options.bFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") &&
          Exec("PRAGMA foreign_keys=ON") && Number("journal_size_limit", options.bKeepWal ? -1 : 16777216) &&
+         (options.bErase || Exec("PRAGMA secure_delete=OFF")) &&
          (options.bSpill || Exec("PRAGMA cache_spill=OFF")) && Number("cache_size", -options.iCacheKb) &&
          Number("wal_autocheckpoint", options.iCheckpointPages);
 }

@@ -29,6 +29,7 @@ struct _SqliteOptions {
   bool bExclusive = false;  // nobody else may open it meanwhile, and no shared-memory file is made
   bool bGiveBack = false;   // of a new file: IncrementalVacuum can return free pages
   bool bKeepWal = false;    // the log file keeps its size; otherwise cut to 16 MiB
+  bool bErase = true;       // deleted content is overwritten, which costs a write of each freed page
   bool bSpill = true;       // a transaction larger than the cache may reach the file before its commit
   int iCacheKb = 2000;
   int iCheckpointPages = 1000;

@@ -30,6 +30,13 @@ class CSpoolLog {
       uCount += str.find(strPart) != std::string::npos;
     return uCount;
   }
+  static std::string Text() {
+    const std::lock_guard lock(Mutex());
+    std::string strText;
+    for (const std::string& str : List())
+      strText += str + "\n";
+    return strText;
+  }
   static void Clear() {
     const std::lock_guard lock(Mutex());
     List().clear();
