@@ -52,6 +52,27 @@ TEST_F(CSpoolTest, Append_IsDeliveredInOrder_AndTheFileIsPrivate) {
   EXPECT_EQ(m_rig.pSpool->State().u64Depth, 0u);
 }
 
+TEST_F(CSpoolTest, BlockingAndSpooled_LeaveInOneOrder_AndNeitherStarves) {
+  m_rig.Start();
+  uint64_t u64Seq = 0;
+  const auto Blocking = [&](const char* pszBody, int iPriority) {
+    ASSERT_TRUE(m_rig.pOutbox->Add(MakeOutItem(++u64Seq, iPriority, "waited", pszBody, true)));
+  };
+  ASSERT_EQ(m_rig.Send("spooled 1", 2), 0u);
+  Blocking("blocking 2", 2);
+  ASSERT_EQ(m_rig.Send("spooled 3", 2), 0u);
+  Blocking("blocking first", 0);
+  ASSERT_EQ(m_rig.Send("other group", 11), 0u);
+  Blocking("blocking 4", 2);
+  EXPECT_THAT(m_rig.Deliver(), ElementsAre("blocking first", "spooled 1", "blocking 2", "other group",
+                                           "spooled 3", "blocking 4"));
+  // A flood of the lowest priority does not hold up the highest.
+  for (int i = 0; i < 200; ++i)
+    ASSERT_EQ(m_rig.Send("flood", 3), 0u);
+  ASSERT_EQ(m_rig.Send("urgent", 0), 0u);
+  EXPECT_EQ(m_rig.Take()->Body(), "urgent");
+}
+
 TEST_F(CSpoolTest, Append_KeepsEveryByteOfTheBody) {
   m_rig.Start();
   std::vector<std::string> listBodies = {std::string("a\0b\n", 4), std::string(1, '\0')};
