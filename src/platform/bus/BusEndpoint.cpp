@@ -238,25 +238,29 @@ uint32_t CBusEndpoint::Reply(uint32_t uiStatus, long i64MsgType, const void* pDa
 }
 
 uint32_t CBusEndpoint::Push(std::unique_ptr<CBusMessage> pMessage) {
-  CCritLock lock(m_cs);
-  if (m_eState != EState::In)
-    return kBusErrNoTarget;
-  if (m_receivers.count(pMessage->uiType) == 0)
-    return kBusErrNoReceiver;
-  const size_t uRecords = m_uQueuedMessages + m_batons.Count();
-  if (uRecords >= m_limits.uMaxRecords || m_uQueuedBytes + Cost(pMessage->uiLength) > m_limits.uMaxBytes)
-    return kBusErrBusy;
-  if (pMessage->call) {
-    try {
-      m_batons.Reserve(uRecords + 1);
-    } catch (const std::exception&) {
+  bool bWake = false;
+  {
+    CCritLock lock(m_cs);
+    if (m_eState != EState::In)
+      return kBusErrNoTarget;
+    if (m_receivers.count(pMessage->uiType) == 0)
+      return kBusErrNoReceiver;
+    const size_t uRecords = m_uQueuedMessages + m_batons.Count();
+    if (uRecords >= m_limits.uMaxRecords || m_uQueuedBytes + Cost(pMessage->uiLength) > m_limits.uMaxBytes)
       return kBusErrBusy;
+    if (pMessage->call) {
+      try {
+        m_batons.Reserve(uRecords + 1);
+      } catch (const std::exception&) {
+        return kBusErrBusy;
+      }
     }
+    ++m_uQueuedMessages;
+    m_uQueuedBytes += Cost(pMessage->uiLength);
+    m_queue.Push(*pMessage.release());
+    bWake = m_uIdle > 0;
   }
-  ++m_uQueuedMessages;
-  m_uQueuedBytes += Cost(pMessage->uiLength);
-  m_queue.Push(*pMessage.release());
-  if (m_uIdle > 0)
+  if (bWake)  // without the lock, which the woken thread wants first
     pthread_cond_signal(&m_condWork);
   return 0;
 }
@@ -282,17 +286,21 @@ void CBusEndpoint::ReleaseReplyBytes(uint32_t uiLength) {
 
 bool CBusEndpoint::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
                             uint32_t uiLength) {
-  CCritLock lock(m_cs);
-  if (call.bDone.load(std::memory_order_relaxed))
-    return false;
-  CBusRef<CBusCall> owned = m_deadlines.Remove(call);
-  call.bDone.store(true, std::memory_order_release);
-  call.uiStatus = uiStatus;
-  call.i64ReplyType = i64MsgType;
-  call.pReply = std::move(pReply);
-  call.uiReplyLength = uiLength;
-  m_queue.Push(*owned.Detach());
-  if (m_uIdle > 0)
+  bool bWake = false;
+  {
+    CCritLock lock(m_cs);
+    if (call.bDone.load(std::memory_order_relaxed))
+      return false;
+    CBusRef<CBusCall> owned = m_deadlines.Remove(call);
+    call.bDone.store(true, std::memory_order_release);
+    call.uiStatus = uiStatus;
+    call.i64ReplyType = i64MsgType;
+    call.pReply = std::move(pReply);
+    call.uiReplyLength = uiLength;
+    m_queue.Push(*owned.Detach());
+    bWake = m_uIdle > 0;
+  }
+  if (bWake)
     pthread_cond_signal(&m_condWork);
   return true;
 }
