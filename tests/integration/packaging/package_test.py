@@ -170,10 +170,6 @@ class Package(unittest.TestCase):
         seeded = f"{root}/{HOME}/etc/zxagent/zxagent.json"
         self.assertEqual(json.loads(text_of(seeded))["tconf"]["tconf_url"], "cloud.example.invalid:443")
         self.assertEqual(stat.S_IMODE(os.stat(f"{root}/{HOME}/log").st_mode), 0o700)
-        uids = dict(re.findall(r"(?m)^(\w+):[^:]*:(\d+):", text_of(f"{root}/etc/passwd")))
-        for name in ("zxtaskmgr", "zxlogcache", "zxsample"):
-            data = os.stat(f"{root}/{HOME}/data/{name}")
-            self.assertEqual((data.st_uid, stat.S_IMODE(data.st_mode)), (int(uids[name]), 0o700))
         # What the agent and the administrator have changed survives the next installation.
         with open(seeded, "w", encoding="utf-8") as config:
             config.write('{"tconf": {"tconf_url": "cloud.example.org:443"}}')
