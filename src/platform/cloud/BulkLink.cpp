@@ -8,7 +8,8 @@ namespace zxcloud {
 CBulkLink::CBulkLink(const _Ports& ports, const TTransports& fnTransport)
     : m_ports(ports),
       m_machine(m_ports.times, m_ports.clock, m_ports.random, *this),
-      m_connection({m_ports.times, m_ports.clock, m_ports.outbox, m_ports.waiters, m_machine, nullptr},
+      m_connection({m_ports.times, m_ports.clock, m_ports.outbox, m_ports.waiters, m_ports.confirms,
+                    m_machine, nullptr},
                    fnTransport),
       m_quiet(m_ports.times.dwQuietLog) {}
 

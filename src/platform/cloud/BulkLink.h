@@ -21,6 +21,7 @@ class CBulkLink : private ILinkActions {
     IRandom& random;
     IOutbox& outbox;
     CWaiters& waiters;
+    CConfirms& confirms;
     CCloudLog& log;
   };
   CBulkLink(const _Ports& ports, const TTransports& fnTransport);

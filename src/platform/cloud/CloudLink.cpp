@@ -249,6 +249,7 @@ void CCloudLink::ConfigureLong() {
     settings.uSpreadSec = m_tconf->uSpreadSec;
     settings.uDrainPerSec = m_tconf->uDrainPerSec;
     settings.bBulkLink = m_tconf->uConnections > 1;
+    settings.bConfirm = m_tconf->uConfirm != 0;
   }
   m_long.Configure(std::move(settings));
 }

@@ -37,7 +37,10 @@ void CLinkConnection::Close(bool bPolite) {
   m_bReady = false;
   m_failure.reset();
   m_pTransport->Close(bPolite);
-  m_window.GiveBack([this](uint64_t u64Seq) { m_ports.outbox.Return(u64Seq); });
+  m_window.GiveBack([this](uint64_t u64Seq) {
+    m_ports.confirms.Forget(u64Seq);
+    m_ports.outbox.Return(u64Seq);
+  });
 }
 
 void CLinkConnection::Fail(EMqttFailure eKind, const std::string& strReason) {
@@ -71,10 +74,15 @@ void CLinkConnection::OnClosed(EMqttFailure eFailure, const std::string& strReas
 }
 
 void CLinkConnection::OnAck(uint64_t u64Token) {
-  if (!m_window.Acknowledged(u64Token, m_ports.clock.NowMs()))
+  // Where the cloud confirms, the broker's word frees the window only.
+  if (!m_window.Acknowledged(u64Token, m_ports.clock.NowMs()) || m_ports.confirms.Waits(u64Token))
     return;
   m_ports.outbox.Done(u64Token);
   m_ports.waiters.Complete(u64Token, 0);
+}
+
+void CLinkConnection::Confirmed(uint64_t u64Seq) {
+  m_window.Acknowledged(u64Seq, m_ports.clock.NowMs());
 }
 
 void CLinkConnection::OnPush(std::string_view svTopic, std::string_view svPayload) {
@@ -88,6 +96,7 @@ void CLinkConnection::OnAlive() {
 
 bool CLinkConnection::Publish(const _OutItem& item) {
   m_window.Sent(item.u64Seq, item.Bytes(), m_ports.clock.NowMs());
+  m_ports.confirms.Sent(item, m_ports.clock.NowMs());
   m_strTopic.assign(m_strUpPrefix).append(std::to_string(item.iPriority));
   return m_pTransport->Publish(item.u64Seq, m_strTopic, item.strWire);
 }
@@ -98,6 +107,7 @@ bool CLinkConnection::Pump(const _WindowSize& size, ELane eLane, CDrainRate& dra
   size_t uSent = 0;
   while (m_bReady && uSent < kTurnBytes && !m_pTransport->WantWrite()) {
     _OutRoom room = m_window.Room(size);
+    m_ports.confirms.Limit(room);
     if (room.uMessages == 0)
       break;
     room.eLane = eLane;

@@ -10,6 +10,7 @@
 #include <string_view>
 
 #include "platform/cloud/CloudPorts.h"
+#include "platform/cloud/Confirms.h"
 #include "platform/cloud/DrainRate.h"
 #include "platform/cloud/LinkMachine.h"
 #include "platform/cloud/LinkWindow.h"
@@ -33,6 +34,7 @@ class CLinkConnection : private IMqttEvents {
     IClock& clock;
     IOutbox& outbox;
     CWaiters& waiters;
+    CConfirms& confirms;                                             // shared by the connections of a link
     CLinkMachine& machine;                                           // learns how far an attempt has come
     std::function<void(std::string_view, std::string_view)> fnPush;  // topic, payload
   };
@@ -48,6 +50,7 @@ class CLinkConnection : private IMqttEvents {
   bool HasFailure() const { return m_failure.has_value(); }
   std::optional<_LinkFailure> TakeFailure();
   bool IsReady() const { return m_bReady; }
+  void Confirmed(uint64_t u64Seq);         // no acknowledgement of the broker has to be waited for any more
   bool TcpUp() const { return m_bTcpUp; }  // the last attempt came that far
   const IMqttTransport& Transport() const { return *m_pTransport; }
 

@@ -8,6 +8,8 @@
 #include <cstring>
 #include <utility>
 
+#include "platform/cloud/zxcloud.h"
+
 namespace zxcloud {
 
 namespace {
@@ -50,10 +52,11 @@ CLongLink::CLongLink(_Ports ports, const TTransports& fnTransport, CResolver::TR
       m_resolver(m_pWakeup, pfnResolve),
       m_machine(m_ports.times, m_ports.clock, m_ports.random, *this),
       m_command(
-          {m_ports.times, m_ports.clock, m_ports.outbox, m_ports.waiters, m_machine,
+          {m_ports.times, m_ports.clock, m_ports.outbox, m_ports.waiters, m_confirms, m_machine,
            [this](std::string_view svTopic, std::string_view svPayload) { OnPush(svTopic, svPayload); }},
           fnTransport),
-      m_bulk({m_ports.times, m_ports.clock, m_ports.random, m_ports.outbox, m_ports.waiters, m_ports.log},
+      m_bulk({m_ports.times, m_ports.clock, m_ports.random, m_ports.outbox, m_ports.waiters, m_confirms,
+              m_ports.log},
              fnTransport),
       m_quiet(m_ports.times.dwQuietLog) {}
 
@@ -124,6 +127,7 @@ bool CLongLink::RunOnce(int iMaxWaitMs) {
   Tick();
   m_command.CheckLife();
   ReportFailure();
+  SendAgain(m_confirms.TakeLate(m_ports.clock.NowMs()));
   m_bulk.OnTime();
   const bool bMore = Pump();
   Watch();
@@ -140,6 +144,10 @@ void CLongLink::TakeSettings() {
   if (!settings.has_value())
     return;
   m_settings = *std::move(settings);
+  if (!m_settings.bConfirm) {
+    m_confirms.Use(false);
+    SendAgain(m_confirms.TakeAll());
+  }
   m_machine.SetAddresses(m_settings.listAddresses, m_settings.uSpreadSec);
   if (m_settings.listAddresses.empty()) {
     m_u64Down.store(0);
@@ -199,6 +207,10 @@ void CLongLink::OpenNextIp() {
   _MqttOpen open = OpenOf(m_strIp);
   open.strClientId = m_strMid;
   open.strSubscribe = m_strPushPrefix + "+";
+  m_strAckTopic = TopicBase(m_strMid) + "/ack";
+  m_confirms.Use(m_settings.bConfirm);
+  if (m_settings.bConfirm)
+    open.strAlsoSubscribe = m_strAckTopic;
   open.strStatusTopic = TopicBase(m_strMid) + "/status";
   m_command.Open(open, UpPrefix(m_strMid));
 }
@@ -232,6 +244,7 @@ void CLongLink::Hangup() {
   m_bResolving = false;
   m_bulk.Leave(false);
   m_command.Close(false);
+  SendAgain(m_confirms.TakeAll());
 }
 
 void CLongLink::LinkUp(const _CloudAddress& address) {
@@ -264,6 +277,7 @@ void CLongLink::LinkDown(const std::string& strReason) {
   }
   m_bulk.Leave(false);
   m_command.Close(false);
+  SendAgain(m_confirms.TakeAll());
   m_ports.errors.Note(m_machine.Current().Text() + ": " + strReason);
   m_quiet.Due(m_ports.clock.NowMs());
   m_ports.log.LogWarn("*zxcloud long connection lost addr[%s] reason[%s]", m_machine.Current().Text(),
@@ -306,6 +320,8 @@ bool CLongLink::Pump() {
 }
 
 void CLongLink::OnPush(std::string_view svTopic, std::string_view svPayload) {
+  if (svTopic == m_strAckTopic)
+    return OnConfirms(svPayload);
   const int iNumber = PushNumber(svTopic, m_strPushPrefix);
   if (iNumber < 0 || svPayload.size() > kMaxPushBytes || svPayload.find('\0') != std::string_view::npos) {
     m_ports.log.LogWarn("*zxcloud push refused topic length[%u] number[%d] length[%u]",
@@ -315,6 +331,30 @@ void CLongLink::OnPush(std::string_view svTopic, std::string_view svPayload) {
   }
   m_strPush.assign(svPayload);
   m_ports.callbacks.Push(iNumber, m_strPush.c_str());
+}
+
+// On disk at the cloud, or refused by it for good: either way it is done.
+void CLongLink::OnConfirms(std::string_view svPayload) {
+  const bool bWhole = m_confirms.Take(svPayload, [this](uint64_t u64Seq, bool bStored) {
+    m_command.Confirmed(u64Seq);
+    m_bulk.Connection().Confirmed(u64Seq);
+    m_ports.outbox.Done(u64Seq);
+    m_ports.waiters.Complete(u64Seq, bStored ? 0u : uint32_t{kZxcloudErrRefused});
+    if (!bStored)
+      m_ports.log.LogWarn("*zxcloud upload refused by the cloud for good seq[%llu]", u64Seq);
+  });
+  if (!bWhole)
+    m_ports.log.LogWarn("*zxcloud confirmation not understood length[%u]",
+                        static_cast<uint32_t>(svPayload.size()));
+}
+
+// A confirmation that is missing may be lost, or the upload itself: the cloud drops what it has.
+void CLongLink::SendAgain(const std::vector<uint64_t>& listSeqs) {
+  for (const uint64_t u64Seq : listSeqs) {
+    m_command.Confirmed(u64Seq);
+    m_bulk.Connection().Confirmed(u64Seq);
+    m_ports.outbox.Return(u64Seq);
+  }
 }
 
 int CLongLink::WaitMs(int iMaxWaitMs) {
@@ -330,6 +370,7 @@ int CLongLink::WaitMs(int iMaxWaitMs) {
     Earlier(m_u64NextTick);
   Earlier(m_command.LifeDeadline());
   Earlier(m_bulk.Deadline());
+  Earlier(m_confirms.Deadline());
   if (m_bUp.load() && m_drain.Limits() && !m_drain.Admits(u64Now))
     Earlier(m_drain.NextMs());
   if (u64Due == 0)

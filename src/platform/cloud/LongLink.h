@@ -43,6 +43,7 @@ struct _LongSettings {
   uint32_t uSpreadSec = 60;
   uint32_t uDrainPerSec = kDefaultDrainPerSec;
   bool bBulkLink = true;  // a connection of its own for bulk data
+  bool bConfirm = false;  // the cloud confirms uploads; counts from the next connection on, its end at once
 };
 
 struct _LongStatus {
@@ -94,6 +95,8 @@ class CLongLink : private ILinkActions {
   void LinkWaits(const std::string& strReasons, uint32_t dwDelayMs) override;
 
   void OnPush(std::string_view svTopic, std::string_view svPayload);
+  void OnConfirms(std::string_view svPayload);
+  void SendAgain(const std::vector<uint64_t>& listSeqs);
 
   bool RenewEpoll();
   void TakeSettings() TS_EXCLUDES(m_cs);
@@ -113,6 +116,7 @@ class CLongLink : private ILinkActions {
   const std::shared_ptr<CWakeup> m_pWakeup;
   CResolver m_resolver;
   CLinkMachine m_machine;
+  CConfirms m_confirms;
   CLinkConnection m_command;
   CBulkLink m_bulk;
   std::atomic<bool> m_bStop{false};
@@ -129,6 +133,7 @@ class CLongLink : private ILinkActions {
   _LongSettings m_settings;
   std::string m_strMid;  // of the last attempt
   std::string m_strPushPrefix;
+  std::string m_strAckTopic;
   _CloudAddress m_dialled;
   bool m_bResolving = false;
   std::string m_strIp;                 // of the last attempt

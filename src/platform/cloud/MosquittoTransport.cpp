@@ -8,6 +8,7 @@
 #include <string.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <mutex>
 
 #include "platform/cloud/CloudAddress.h"
@@ -304,8 +305,10 @@ void CMosquittoTransport::Ended(int iResult, int iErrno) {
 }
 
 void CMosquittoTransport::Subscribe() {
+  char* topics[] = {m_open.strSubscribe.data(), m_open.strAlsoSubscribe.data()};
+  const int iTopics = m_open.strAlsoSubscribe.empty() ? 1 : 2;
   const int iSubscribe =
-      mosquitto_subscribe(m_pMosq.get(), &m_iSubscribeId, m_open.strSubscribe.c_str(), kQos);
+      mosquitto_subscribe_multiple(m_pMosq.get(), &m_iSubscribeId, iTopics, topics, kQos, 0, nullptr);
   int iId = 0;
   const int iStatus = mosquitto_publish(m_pMosq.get(), &iId, m_open.strStatusTopic.c_str(),
                                         sizeof(kOnline) - 1, kOnline, kQos, true);
@@ -375,7 +378,7 @@ void CMosquittoTransport::OnSubscribe(mosquitto*, void* pThis, int iId, int iCou
   auto& self = *static_cast<CMosquittoTransport*>(pThis);
   if (iId != self.m_iSubscribeId)
     return;
-  if (iCount >= 1 && pGranted[0] >= 0 && pGranted[0] <= 2) {
+  if (iCount >= 1 && std::all_of(pGranted, pGranted + iCount, [](int i) { return i >= 0 && i <= 2; })) {
     self.m_bSubscribedNews = true;
     return;
   }

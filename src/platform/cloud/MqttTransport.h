@@ -34,9 +34,10 @@ struct _MqttOpen {
   uint16_t wPort = 0;
   bool bPlain = false;
   std::string strClientId;
-  std::string strSubscribe;    // QoS 1; empty: no subscription, and the broker keeps no session
-  std::string strStatusTopic;  // retained; also the topic of the will; empty: neither
-  int iKeepAliveSec = 30;      // 0: none
+  std::string strSubscribe;      // QoS 1; empty: no subscription, and the broker keeps no session
+  std::string strAlsoSubscribe;  // beside it; empty: nothing
+  std::string strStatusTopic;    // retained; also the topic of the will; empty: neither
+  int iKeepAliveSec = 30;        // 0: none
 };
 
 class IMqttTransport {

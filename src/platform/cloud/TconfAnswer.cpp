@@ -76,6 +76,7 @@ bool ParseTconf(std::string_view svText, bool bPlainAllowed, _TconfAnswer& answe
       !Number(pRoot, "refresh_sec", 60, 86400, parsed.uRefreshSec, strError) ||
       !Number(pRoot, "drain_per_sec", 0, 1000000, parsed.uDrainPerSec, strError) ||
       !Number(pRoot, "connections", 1, 2, parsed.uConnections, strError) ||
+      !Number(pRoot, "confirm", 0, 1, parsed.uConfirm, strError) ||
       !Number(pRoot, "max_message_bytes", 1024, 256u << 20, parsed.uMaxMessage, strError))
     return false;
   answer = std::move(parsed);

@@ -24,6 +24,7 @@ struct _TconfAnswer {
   uint32_t uRefreshSec = 3600;
   uint32_t uDrainPerSec = 100;  // 0: no limit
   uint32_t uConnections = 2;
+  uint32_t uConfirm = 0;  // 1: the cloud confirms uploads of the long connection
   size_t uMaxMessage = kDefaultMaxMessage;
 };
 

@@ -11,7 +11,7 @@ TEST(TconfAnswer, Parse_TakesEverything) {
   std::string strError;
   ASSERT_TRUE(ParseTconf(R"({"v":1,"pcid":"a,b,1|c,d,2","short":"s:1,t","long":"l:2,m","lb":"opaque",
       "keepalive_sec":45,"spread_sec":10,"refresh_sec":120,"max_message_bytes":2048,
-      "drain_per_sec":7,"connections":1,"future":{}})",
+      "drain_per_sec":7,"connections":1,"confirm":1,"future":{}})",
                          false, answer, strError))
       << strError;
   EXPECT_EQ(answer.strPcid, "a,b,1|c,d,2");
@@ -22,6 +22,7 @@ TEST(TconfAnswer, Parse_TakesEverything) {
   EXPECT_EQ(answer.iKeepAliveSec, 45);
   EXPECT_EQ(answer.uSpreadSec, 10u);
   EXPECT_EQ(answer.uRefreshSec, 120u);
+  EXPECT_EQ(answer.uConfirm, 1u);
   EXPECT_EQ(answer.uMaxMessage, 2048u);
   EXPECT_EQ(answer.uDrainPerSec, 7u);
   EXPECT_EQ(answer.uConnections, 1u);
