@@ -127,6 +127,8 @@ bool CBusEndpoint::NextWork(size_t uSlot, _Work& work) {
     ++m_uIdle;
     Wait(m_condWork, m_deadlines.EarliestNs());
     --m_uIdle;
+    if (m_uWaking > 0)
+      --m_uWaking;
   }
 }
 
@@ -143,7 +145,7 @@ void CBusEndpoint::End(CBusRef<CBusCall> call, uint32_t uiStatus) {
   call->i64ReplyType = static_cast<long>(call->uiType);
   call->bBatonMayLive = true;
   m_queue.Push(*call.Detach());
-  if (m_uIdle > 0)
+  if (TakeWaker())
     pthread_cond_signal(&m_condWork);
 }
 

@@ -178,7 +178,7 @@ uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pLocal, const GUID& gu
       call->pTarget = pTarget;
       const uint64_t u64OldNs = m_deadlines.EarliestNs();
       m_deadlines.Insert(call, u64NowNs);
-      if (m_deadlines.EarliestNs() < u64OldNs && m_uIdle > 0)
+      if (m_deadlines.EarliestNs() < u64OldNs && TakeWaker())
         pthread_cond_signal(&m_condWork);
     }
   }
@@ -258,11 +258,18 @@ uint32_t CBusEndpoint::Push(std::unique_ptr<CBusMessage> pMessage) {
     ++m_uQueuedMessages;
     m_uQueuedBytes += Cost(pMessage->uiLength);
     m_queue.Push(*pMessage.release());
-    bWake = m_uIdle > 0;
+    bWake = TakeWaker();
   }
   if (bWake)  // without the lock, which the woken thread wants first
     pthread_cond_signal(&m_condWork);
   return 0;
+}
+
+bool CBusEndpoint::TakeWaker() {
+  if (m_uIdle <= m_uWaking)
+    return false;
+  ++m_uWaking;
+  return true;
 }
 
 void CBusEndpoint::DropBaton(CBusCall& call) {
@@ -298,7 +305,7 @@ bool CBusEndpoint::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, 
     call.pReply = std::move(pReply);
     call.uiReplyLength = uiLength;
     m_queue.Push(*owned.Detach());
-    bWake = m_uIdle > 0;
+    bWake = TakeWaker();
   }
   if (bWake)
     pthread_cond_signal(&m_condWork);

@@ -112,6 +112,7 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   void RunCompletion(CBusCall& call) TS_EXCLUDES(m_cs);
   void Wait(pthread_cond_t& cond, uint64_t u64DeadlineNs) TS_REQUIRES(m_cs);
   bool IsRunning(uint32_t uiType) TS_REQUIRES(m_cs);
+  bool TakeWaker() TS_REQUIRES(m_cs);  // whether an idle dispatcher is to be signalled for one more item
   void SetUnreceiving(bool bUnreceiving) TS_REQUIRES(m_cs);
   static size_t Cost(uint32_t uiLength) { return uiLength + kRecordBytes; }
 
@@ -135,6 +136,7 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   std::vector<_Slot> m_slots TS_GUARDED_BY(m_cs);
   size_t m_uDispatchers TS_GUARDED_BY(m_cs) = 0;
   size_t m_uIdle TS_GUARDED_BY(m_cs) = 0;          // dispatchers that wait for work
+  size_t m_uWaking TS_GUARDED_BY(m_cs) = 0;        // of these, on their way: signalled and not yet awake
   size_t m_uStateWaiters TS_GUARDED_BY(m_cs) = 0;  // threads in Unreceive, Leave and Join
   uint32_t m_uiSinceClock TS_GUARDED_BY(m_cs) = 0;
   std::atomic<size_t> m_uReplyBytes{0};
