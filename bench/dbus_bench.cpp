@@ -287,6 +287,7 @@ class CAsker final : public IMRSendComplete, public IMRReceiveComplete {
   }
   void Broadcast(int iBatch) {
     m_iBatch = kReceivers;
+    m_iSent = kReceivers;  // nothing follows their reports
     m_iDone = 0;
     for (int i = 1; i <= iBatch; ++i) {
       m_strRequest[0] = i == iBatch ? 'l' : 'b';
