@@ -5,6 +5,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <exception>
 #include <utility>
 
 #include "platform/cloud/zxcloud.h"
@@ -205,7 +206,15 @@ CSpool::_State CSpool::State() {
 // The spool thread: what it waits for.
 
 void CSpool::Run() {
-  while (RunOnce(-1)) {
+  // Senders wait for this thread, so it goes on whatever happens; what it was doing is refused.
+  for (bool bGoOn = true; bGoOn;) {
+    try {
+      bGoOn = RunOnce(-1);
+    } catch (const std::exception& e) {
+      m_ports.log.LogError("**zxcloud spool interrupted by an exception what[%s]", e.what());
+      Refuse(kZxcloudErrSpool);
+      Unusable(ESpoolResult::Failed);
+    }
   }
 }
 
