@@ -58,6 +58,8 @@ class CComponent : private IMRReceiveComplete {
   void SetBus(IBusContext* pBus) { m_pBus = pBus; }
   // Where the component keeps its files, when that is not below the home; ends in "/".
   void SetDataDir(std::string strDir) { m_strDataDir = std::move(strDir); }
+  // Where sockets go that others connect to; ends in "/".
+  void SetRunDir(std::string strDir) { m_strRunDir = std::move(strDir); }
   int Start();  // 0, or -1 (logged) with the bus left again
   int Stop();
 
@@ -73,6 +75,9 @@ class CComponent : private IMRReceiveComplete {
   std::string DataDir(const char* pszName) const {
     return m_strDataDir.empty() ? m_strHome + "data/" + pszName + "/" : m_strDataDir;
   }
+  std::string RunDir(const char* pszName) const {
+    return m_strRunDir.empty() ? DataDir(pszName) : m_strRunDir;
+  }
 
  private:
   void ReceiveCallback(const GUID& recvGuid, long i64MsgType, const unsigned char* pData,
@@ -83,6 +88,7 @@ class CComponent : private IMRReceiveComplete {
   const std::vector<uint32_t> m_types;
   std::string m_strHome;
   std::string m_strDataDir;
+  std::string m_strRunDir;
   HLog m_hLog = nullptr;
   IBusContext* m_pBus = nullptr;
 };

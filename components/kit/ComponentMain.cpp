@@ -89,6 +89,8 @@ int RunComponent(CComponent& component, int argc, char** argv) {
   component.Initialize(options.strHome);
   if (const char* pszState = std::getenv("STATE_DIRECTORY"); pszState != nullptr && *pszState == '/')
     component.SetDataDir(std::string(pszState) + "/");
+  if (const char* pszRun = std::getenv("RUNTIME_DIRECTORY"); pszRun != nullptr && *pszRun == '/')
+    component.SetRunDir(std::string(pszRun) + "/");
   ZxBusConnectSettings settings;
   settings.pszAddress = options.strBus.c_str();
   settings.pfnState = &OnBusState;

@@ -55,7 +55,7 @@ bool CLogCache::OnStart() {
   if (!ZxReadFileText(strFile, strText))
     return LogWarnTo(Log(), "*zxlogforward cannot read its configuration strFile[%s] Error[%d]", strFile,
                      errno) != 0;
-  if (!ParseSettings(strText.View(), Folder(), m_settings, strError))
+  if (!ParseSettings(strText.View(), Folder(), RunDir("zxlogcache"), m_settings, strError))
     return LogWarnTo(Log(), "*zxlogforward configuration strFile[%s] error[%s]", strFile, strError) != 0;
   m_hEpoll = epoll_create1(EPOLL_CLOEXEC);
   m_hInputs = epoll_create1(EPOLL_CLOEXEC);

@@ -151,7 +151,8 @@ void ReadFiles(CReader& reader, HJsonNode hSource, const std::string& strFolder,
   }
 }
 
-void ReadSource(CReader& reader, HJsonNode hSource, const std::string& strFolder, _SourceSettings& source) {
+void ReadSource(CReader& reader, HJsonNode hSource, const std::string& strFolder,
+                const std::string& strSocketFolder, _SourceSettings& source) {
   source.strGuid = kOwnGuid;
   reader.Text(hSource, "name", source.strName);
   reader.Text(hSource, "guid", source.strGuid);
@@ -168,7 +169,7 @@ void ReadSource(CReader& reader, HJsonNode hSource, const std::string& strFolder
   if (!IsHeaderText(source.strProduct) || !IsHeaderText(source.strCombo))
     reader.Fail("product or combo of source " + source.strName + " has brackets or more than 63 bytes");
   for (const HJsonNode hSocket : reader.List(reader.Find(hSource, "sockets")))
-    ReadSocket(reader, hSocket, strFolder, source);
+    ReadSocket(reader, hSocket, strSocketFolder, source);
   ReadFiles(reader, hSource, strFolder, source);
 }
 
@@ -199,8 +200,8 @@ bool CheckTogether(CReader& reader, const _Settings& settings) {
 
 }  // namespace
 
-bool ParseSettings(std::string_view text, const std::string& strFolder, _Settings& settings,
-                   std::string& strError) {
+bool ParseSettings(std::string_view text, const std::string& strFolder, const std::string& strSocketFolder,
+                   _Settings& settings, std::string& strError) {
   settings = _Settings();
   strError.clear();
   CPJsonParse json;
@@ -209,7 +210,7 @@ bool ParseSettings(std::string_view text, const std::string& strFolder, _Setting
     return reader.Fail("no JSON");
   const HJsonNode hRoot = json.GetRoot();
   for (const HJsonNode hSource : reader.List(reader.Find(hRoot, "sources")))
-    ReadSource(reader, hSource, strFolder, settings.sources.emplace_back());
+    ReadSource(reader, hSource, strFolder, strSocketFolder, settings.sources.emplace_back());
   const HJsonNode hStore = reader.Find(hRoot, "store");
   reader.Number(hStore, "max_bytes", settings.u64MaxBytes, 1 << 20, 1099511627776.0);
   reader.Number(hStore, "max_age_sec", settings.i64MaxAgeMs, 60, 315360000, 1000);

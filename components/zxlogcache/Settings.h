@@ -55,9 +55,10 @@ struct _Settings {
   uint32_t uiMaxClients = 64;
 };
 
-// The text of the configuration file. Relative paths are taken below strFolder (which ends in "/"). An empty
-// text gives one source "local" without inputs. False: strError says what is wrong; settings is unspecified.
-bool ParseSettings(std::string_view text, const std::string& strFolder, _Settings& settings,
-                   std::string& strError);
+// The text of the configuration file. Relative paths are taken below strFolder, those of sockets below
+// strSocketFolder (both end in "/"). An empty text gives one source "local" without inputs. False: strError
+// says what is wrong; settings is unspecified.
+bool ParseSettings(std::string_view text, const std::string& strFolder, const std::string& strSocketFolder,
+                   _Settings& settings, std::string& strError);
 
 }  // namespace zxlogcache

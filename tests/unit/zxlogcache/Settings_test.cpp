@@ -25,7 +25,7 @@ TEST(Settings, Everything_IsRead) {
     "store":{"max_bytes":1048576,"max_age_sec":60,"when_full":"refuse"},
     "batch":{"max_bytes":1024,"linger_ms":0},"window":4,"retry_min_ms":10,"retry_max_ms":20,
     "result_timeout_sec":2,"max_record_bytes":256,"max_clients":3})",
-                            "/home/", settings, strError))
+                            "/home/", "/sockets/", settings, strError))
       << strError;
   ASSERT_EQ(settings.sources.size(), 1u);
   const _SourceSettings& source = settings.sources[0];
@@ -41,7 +41,7 @@ TEST(Settings, Everything_IsRead) {
   EXPECT_TRUE(source.sockets[1].bStream);
   EXPECT_TRUE(source.sockets[1].bAck);
   EXPECT_EQ(source.sockets[1].eFraming, EFraming::Octets);
-  EXPECT_EQ(source.sockets[1].strPath, "/home/run/s.sock");
+  EXPECT_EQ(source.sockets[1].strPath, "/sockets/run/s.sock");
   EXPECT_EQ(source.sockets[1].mode, 0660u);
   ASSERT_EQ(source.files.size(), 1u);
   EXPECT_EQ(source.files[0].strPath, "/home/log/app.log");
@@ -61,7 +61,7 @@ TEST(Settings, Everything_IsRead) {
 TEST(Settings, Defaults_Hold) {
   _Settings settings;
   std::string strError;
-  ASSERT_TRUE(ParseSettings(R"({"sources":[{"name":"a"}]})", "/h/", settings, strError)) << strError;
+  ASSERT_TRUE(ParseSettings(R"({"sources":[{"name":"a"}]})", "/h/", "/h/", settings, strError)) << strError;
   EXPECT_EQ(settings.sources[0].strGuid, "9946467F-0102-46E8-ACAC-B9EFE3CD68FD");
   EXPECT_EQ(settings.sources[0].iPriv, 1);
   EXPECT_EQ(settings.sources[0].iMsgType, 2);
@@ -99,7 +99,7 @@ TEST(Settings, WhatIsWrong_IsNamed) {
   for (const _Bad& bad1 : bad) {
     _Settings settings;
     std::string strError;
-    EXPECT_FALSE(ParseSettings(bad1.pszText, "/h/", settings, strError)) << bad1.pszText;
+    EXPECT_FALSE(ParseSettings(bad1.pszText, "/h/", "/h/", settings, strError)) << bad1.pszText;
     EXPECT_THAT(strError, HasSubstr(bad1.pszError)) << bad1.pszText;
   }
 }
@@ -109,7 +109,7 @@ TEST(Settings, LongSocketPath_IsRefused) {
   std::string strError;
   const std::string strPath(108, 'p');
   EXPECT_FALSE(ParseSettings(R"({"sources":[{"name":"a","sockets":[{"path":"/)" + strPath + R"("}]}]})",
-                             "/h/", settings, strError));
+                             "/h/", "/h/", settings, strError));
   EXPECT_THAT(strError, HasSubstr("107"));
 }
 
