@@ -205,6 +205,7 @@ TEST_F(ForwarderProcess, Killed_LosesNothingThatItAnsweredFor) {
   StartForwarder();
   EXPECT_TRUE(EventuallyTrue([&] { return agent.Have(m_kept) == m_kept.size(); }, kDeadlineMs))
       << agent.Have(m_kept) << " of " << m_kept.size();
+  close(Connect());  // it is up: before that a signal just ends it
   EXPECT_EQ(m_forwarder.End(SIGTERM), 0) << "an orderly end";
 }
 
