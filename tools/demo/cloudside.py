@@ -164,7 +164,7 @@ class Cloud:
             return None
 
     def status(self):
-        return self.ask("status") or {}
+        return self.ask("cloud") or {}
 
     def agents(self):
         return (self.ask("agents") or {}).get("agents", [])

@@ -10,7 +10,8 @@ namespace zxctl {
 inline constexpr int kExitOk = 0;
 inline constexpr int kExitFailed = 1;  // refused, not acknowledged in time, or an error answer
 inline constexpr int kExitUsage = 2;
-inline constexpr int kExitUnreachable = 3;  // the cloud does not answer, or zxctl cannot find it
+inline constexpr int kExitUnreachable = 3;  // the host or the cloud does not answer, or zxctl cannot find it
+inline constexpr int kExitDenied = 4;
 
 struct _PushOptions {
   std::string strMid;  // empty: the only machine the cloud knows

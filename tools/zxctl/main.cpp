@@ -1,9 +1,10 @@
-// zxctl: what people do with a cloud from a shell. Exit codes: 0 done, 1 failed, 2 wrong usage, 3 the cloud
-// cannot be reached.
+// zxctl: what people do from a shell, with the agent on this machine and with a cloud. Exit codes: 0 done, 1
+// failed, 2 wrong usage, 3 the host or the cloud cannot be reached, 4 not permitted.
 #include <CLI/CLI.hpp>
 #include <cstdio>
 
 #include "Commands.h"
+#include "LocalCommands.h"
 #include "Uploads.h"
 
 using namespace zxctl;
@@ -106,7 +107,7 @@ int Run(CLI::App& app, const _Options& options) {
     return Agents(cloud, options.bJson);
   if (app.got_subcommand("trace"))
     return Trace(cloud, options.strTraceID, options.strHome, options.bAll, options.bJson);
-  if (app.got_subcommand("status"))
+  if (app.got_subcommand("cloud"))
     return Status(cloud, options.bJson);
   return RunList(app, cloud, options);
 }
@@ -114,8 +115,9 @@ int Run(CLI::App& app, const _Options& options) {
 }  // namespace
 
 int main(int iArgc, char** ppszArgv) {
-  CLI::App app("zxctl: push commands to machines and see what became of them");
+  CLI::App app("zxctl: the agent on this machine, and commands given to machines");
   _Options options;
+  CLocalCommands local;
   CLI::Option* pUrl = app.add_option("--cloud", options.strUrl, "operator interface, http://127.0.0.1:port");
   CLI::Option* pToken = app.add_option("--token", options.strTokenFile, "file with the operator token");
   pUrl->needs(pToken);
@@ -126,6 +128,7 @@ int main(int iArgc, char** ppszArgv) {
   app.add_flag("--json", options.bJson, "print JSON");
   app.require_subcommand(1);
   app.fallthrough();
+  local.Define(app);
   DefinePush(app, options.push);
   app.add_subcommand("agents", "list the machines");
   CLI::App* pTrace = app.add_subcommand("trace", "show a command's way, hop by hop");
@@ -133,7 +136,7 @@ int main(int iArgc, char** ppszArgv) {
   pTrace->add_option("--home", options.strHome,
                      "home of the agent on this machine, whose logs are merged in");
   pTrace->add_flag("--all", options.bAll, "every log record about the command, not only its steps");
-  app.add_subcommand("status", "how the cloud stands");
+  app.add_subcommand("cloud", "how the cloud stands");
   DefineLists(app, options);
   try {
     app.parse(iArgc, ppszArgv);
@@ -141,7 +144,8 @@ int main(int iArgc, char** ppszArgv) {
     return app.exit(e) == 0 ? kExitOk : kExitUsage;
   }
   try {
-    return Run(app, options);
+    int iExit = kExitOk;
+    return local.Run(options.bJson, iExit) ? iExit : Run(app, options);
   } catch (const std::exception& e) {
     std::fprintf(stderr, "zxctl: %s\n", e.what());
     return kExitFailed;

@@ -228,9 +228,9 @@ TEST_F(CCloudHttp, Token_ReadableByOthers_IsRefused) {
 
 TEST_F(CCloudHttp, Zxctl_SaysByItsExitCodeWhatHappened) {
   std::string strOutput;
-  EXPECT_EQ(Zxctl({"status"}, strOutput), 3) << "no cloud";
+  EXPECT_EQ(Zxctl({"cloud"}, strOutput), 3) << "no cloud";
   StartCloud();
-  EXPECT_EQ(Zxctl({"status"}, strOutput), 0) << strOutput;
+  EXPECT_EQ(Zxctl({"cloud"}, strOutput), 0) << strOutput;
   EXPECT_THAT(strOutput, HasSubstr("connected"));
   EXPECT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x"}, strOutput), 2)
       << "no machine yet: " << strOutput;
@@ -248,9 +248,9 @@ TEST_F(CCloudHttp, Zxctl_SaysByItsExitCodeWhatHappened) {
   EXPECT_EQ(Zxctl({"push", "--pcid", "1001", "--command", "x", "--id", "c-2", "--wait", "1"}, strOutput), 1);
   EXPECT_THAT(strOutput, HasSubstr("not acknowledged"));
   EXPECT_EQ(Zxctl({"trace", "none"}, strOutput), 1);
-  EXPECT_EQ(Zxctl({"--cloud", "http://127.0.0.1:1", "status"}, strOutput), 2) << "without a token";
+  EXPECT_EQ(Zxctl({"--cloud", "http://127.0.0.1:1", "cloud"}, strOutput), 2) << "without a token";
   m_cloud.Stop(SIGKILL);
-  EXPECT_EQ(Zxctl({"status"}, strOutput), 3) << "killed, its run file is still there";
+  EXPECT_EQ(Zxctl({"cloud"}, strOutput), 3) << "killed, its run file is still there";
 }
 
 TEST_F(CCloudHttp, Zxctl_ShowsWhatMachinesSent) {
