@@ -126,7 +126,7 @@ TEST_F(Zxctl, Watch_ShowsMessagesAsTheyCross) {
   };
   EXPECT_TRUE(EventuallyTrue([&] {
     Run({"send", kSample, "--type", "20001", "--data", "<secret>"});
-    return seen("status 0xB0030001 to 20001") && seen("refused: not the task manager");
+    return seen("status 0xB0030001 to 20001") && seen("refused: wrong sender");
   })) << m_host.Home().ReadFile("watch.txt").Str();
   EXPECT_TRUE(seen("20001 policy, 8 B"));
   EXPECT_FALSE(seen("secret"));
