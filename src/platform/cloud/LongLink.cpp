@@ -392,12 +392,12 @@ void CLongLink::Watch() {
 void CLongLink::WaitAndHandle(int iWaitMs) {
   epoll_event events[kMaxEvents];
   const bool bFailed = m_command.HasFailure() || m_bulk.Connection().HasFailure();
-  const int iCount = epoll_wait(m_fdEpoll, events, kMaxEvents, bFailed ? 0 : iWaitMs);
+  const bool bMayWait = m_pWakeup->BeginWait() && !bFailed;
+  const int iCount = epoll_wait(m_fdEpoll, events, kMaxEvents, bMayWait ? iWaitMs : 0);
   uint32_t uEvents[kTagCount] = {};
   for (int i = 0; i < iCount; ++i)
     uEvents[events[i].data.u32] = events[i].events;
-  if (uEvents[kTagWakeup] != 0)
-    m_pWakeup->Clear();
+  m_pWakeup->EndWait(uEvents[kTagWakeup] != 0);
   if (uEvents[kTagCommand] != 0) {
     m_command.OnIo(uEvents[kTagCommand]);
     ReportFailure();

@@ -1,7 +1,10 @@
 // Wakes a thread that waits on descriptors (epoll): an eventfd. Threads: any. Blocking: never.
+// A signal costs a system call only when that thread sleeps: it says so before it waits, and after it has
+// looked for work, so that nothing between the two is missed.
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 
 namespace zxcloud {
 
@@ -12,13 +15,17 @@ class CWakeup {
   CWakeup(const CWakeup&) = delete;
   CWakeup& operator=(const CWakeup&) = delete;
 
-  void Signal();  // many signals before one Clear cost one system call
-  void Clear();   // by the woken thread, before it looks at what there is to do
+  void Signal();  // many signals for one sleep cost one system call
+  // By the woken thread. False: there has been a signal since EndWait, so it must not wait.
+  bool BeginWait();
+  void EndWait(bool bReadable);  // bReadable: the descriptor was; look for work afterwards
   int Descriptor() const { return m_fd; }
 
  private:
+  enum EState : uint8_t { Awake, Asleep, Signalled };
+
   const int m_fd;
-  std::atomic<bool> m_bSignalled{false};
+  std::atomic<uint8_t> m_uState{Asleep};  // until it first says otherwise
 };
 
 }  // namespace zxcloud

@@ -98,16 +98,51 @@ TEST(Resolver, ResolveHost_GivesLiterals) {
   EXPECT_THAT(strError, HasSubstr("name not resolved: "));
 }
 
-TEST(Wakeup, Signal_IsSeenUntilCleared) {
+TEST(Wakeup, Signal_WakesASleeper_AndOnlyASleeper) {
   CWakeup wakeup;
   EXPECT_FALSE(Readable(wakeup.Descriptor(), 0));
-  wakeup.Signal();
-  wakeup.Signal();
+  wakeup.Signal();  // before the first wait
   EXPECT_TRUE(Readable(wakeup.Descriptor(), 0));
-  wakeup.Clear();
+  EXPECT_FALSE(wakeup.BeginWait());
+  wakeup.EndWait(true);
   EXPECT_FALSE(Readable(wakeup.Descriptor(), 0));
+  wakeup.Signal();  // it is awake and has not looked yet
+  wakeup.Signal();
+  EXPECT_FALSE(Readable(wakeup.Descriptor(), 0));
+  EXPECT_FALSE(wakeup.BeginWait());
+  wakeup.EndWait(false);
+  EXPECT_TRUE(wakeup.BeginWait());
+  wakeup.Signal();
   wakeup.Signal();
   EXPECT_TRUE(Readable(wakeup.Descriptor(), 0));
+  wakeup.EndWait(true);
+  EXPECT_FALSE(Readable(wakeup.Descriptor(), 0));
+  EXPECT_TRUE(wakeup.BeginWait());
+}
+
+TEST(Wakeup, NoSignalIsLost_WhateverTheMoment) {
+  CWakeup wakeup;
+  std::atomic<int> iWork{0};
+  constexpr int kRounds = 20000;
+  std::thread signaller([&] {
+    for (int i = 0; i < kRounds; ++i) {
+      ++iWork;
+      wakeup.Signal();
+    }
+  });
+  int iDone = 0;
+  bool bInTime = true;
+  while (iDone < kRounds && bInTime) {
+    iDone = iWork.load();
+    const bool bWait = wakeup.BeginWait();
+    const bool bReadable = Readable(wakeup.Descriptor(), bWait && iDone < kRounds ? 10000 : 0);
+    // Whoever waits is woken: the last round's signal comes after its work.
+    bInTime = bReadable || !bWait || iDone >= kRounds;
+    wakeup.EndWait(bReadable);
+  }
+  signaller.join();
+  EXPECT_TRUE(bInTime);
+  EXPECT_EQ(iDone, kRounds);
 }
 
 TEST(CloudThread, Start_NamesTheThread_AndBlocksSignalsThere) {
