@@ -258,7 +258,7 @@ void CLongLink::LinkUp(const _CloudAddress& address) {
   }
   m_u64NextTick = m_ports.clock.NowMs() + m_command.TickMs();
   // Fresh work is not a backlog.
-  m_drain.Begin(m_ports.outbox.Waiting() == 0 ? 0 : m_settings.uDrainPerSec, m_ports.clock.NowMs());
+  m_drain.Begin(m_ports.outbox.State().u64Waiting == 0 ? 0 : m_settings.uDrainPerSec, m_ports.clock.NowMs());
   m_quiet.Reset();
   m_bUp.store(true);
   m_ports.log.LogInfo("zxcloud long connection up addr[%s] local[%s] remote[%s]", address.Text(), strLocal,
@@ -312,7 +312,7 @@ bool CLongLink::Pump() {
   bool bMore =
       m_command.Pump(bAlone ? kBulkWindow : kCommandWindow, bAlone ? ELane::Any : ELane::Command, m_drain);
   bMore = m_bulk.Connection().Pump(kBulkWindow, ELane::Bulk, m_drain) || bMore;
-  if (m_drain.Limits() && m_ports.outbox.Waiting() == 0)
+  if (m_drain.Limits() && m_ports.outbox.State().u64Waiting == 0)
     m_drain.End();
   ReportFailure();
   m_bulk.ReportFailure();

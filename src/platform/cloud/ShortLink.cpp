@@ -174,6 +174,7 @@ void CShortLink::TconfArrived(const _CloudAddress& address, const _HttpAnswer& a
   // A fleet that started together does not ask together for ever.
   m_u64TconfDue = m_ports.clock.NowMs() + dwRefresh - m_ports.random.Below(dwRefresh / kRefreshJitterPart);
   m_uMaxMessage.store(parsed.uMaxMessage);
+  m_uDrainPerSec = parsed.uDrainPerSec;
   const bool bOwnService = parsed.listShort.empty() || parsed.listShort.front() == address;
   std::vector<_CloudAddress> listShort =
       parsed.listShort.empty() ? std::vector<_CloudAddress>{address} : parsed.listShort;
@@ -314,9 +315,13 @@ bool CShortLink::DoUpload() {
   _OutRoom room;
   room.uMessages = 1;
   room.bIdle = true;
+  room.bWaitedOnly = m_drain.Limits() && !m_drain.Admits(m_ports.clock.NowMs());
   const TOutItem pItem = m_ports.outbox.Take(room);
-  if (pItem == nullptr)
-    return false;
+  if (pItem == nullptr) {
+    if (room.bWaitedOnly)
+      m_u64UploadNext = m_drain.NextMs();
+    return room.bWaitedOnly;
+  }
   _HttpRequest request = Request("POST", "/v1/upload", m_ports.peer.Options());
   request.listHeaders.push_back("Content-Type: application/octet-stream");
   request.listHeaders.push_back("X-Zx-Priority: " + std::to_string(pItem->iPriority));
@@ -328,11 +333,22 @@ bool CShortLink::DoUpload() {
     UploadFailed(*pItem, answer);
     return true;
   }
+  Uploaded(*pItem);
+  return true;
+}
+
+void CShortLink::Uploaded(const _OutItem& item) {
+  const bool bReturned = m_backoffUpload.Failures() > 0;
   m_backoffUpload.Reset();
   m_quietUpload.Reset();
-  m_ports.outbox.Done(pItem->u64Seq);
-  m_ports.waiters.Complete(pItem->u64Seq, 0);
-  return true;
+  m_ports.outbox.Done(item.u64Seq);
+  m_ports.waiters.Complete(item.u64Seq, 0);
+  if (bReturned)
+    m_drain.Begin(m_uDrainPerSec, m_ports.clock.NowMs());
+  if (!item.bWaited)
+    m_drain.Took(item.Bytes());
+  if (m_drain.Limits() && m_ports.outbox.State().u64Waiting == 0)
+    m_drain.End();
 }
 
 void CShortLink::UploadFailed(const _OutItem& item, const _HttpAnswer& answer) {

@@ -16,6 +16,7 @@
 #include "platform/cloud/CloudLog.h"
 #include "platform/cloud/CloudOptions.h"
 #include "platform/cloud/CloudPorts.h"
+#include "platform/cloud/DrainRate.h"
 #include "platform/cloud/HttpClient.h"
 #include "platform/cloud/LinkErrors.h"
 #include "platform/cloud/Outbox.h"
@@ -96,6 +97,7 @@ class CShortLink {
   void ProbeShort();
   bool UploadDue(uint64_t u64Now, uint32_t& dwWait);
   bool DoUpload();
+  void Uploaded(const _OutItem& item);
   void UploadFailed(const _OutItem& item, const _HttpAnswer& answer);
   _HttpAnswer ToShort(const _HttpRequest& request);
   void NoteError(const _HttpAnswer& answer);
@@ -120,6 +122,8 @@ class CShortLink {
   CBackoff m_backoffUpload;
   uint64_t m_u64TconfDue = 0;  // at once
   uint64_t m_u64UploadNext = 0;
+  uint32_t m_uDrainPerSec = 0;
+  CDrainRate m_drain;  // of what piled up while uploads failed
   bool m_bMidMissing = false;
   size_t m_uTconf = 0;  // index of the address that answered last
   size_t m_uShort = 0;

@@ -52,9 +52,9 @@ class CShortLinkTest : public ::testing::Test, public IShortPeer {
     Work();
     m_http.seen.clear();
   }
-  TOutItem Add(int iPriority = 1, const std::string& strBody = "body") {
+  TOutItem Add(int iPriority = 1, const std::string& strBody = "body", bool bWaited = false) {
     ++m_u64Seq;
-    auto pItem = MakeOutItem(m_u64Seq, iPriority, "id-" + std::to_string(m_u64Seq), strBody);
+    auto pItem = MakeOutItem(m_u64Seq, iPriority, "id-" + std::to_string(m_u64Seq), strBody, bWaited);
     EXPECT_TRUE(m_outbox.Add(pItem));
     return pItem;
   }
@@ -276,4 +276,34 @@ TEST_F(CShortLinkTest, Upload_BacksOff_AndObeysRetryAfter) {
   Work();
   EXPECT_EQ(m_http.Seen("/v1/upload").size(), 2u);
   EXPECT_EQ(m_outbox.Bytes(), 0u);
+}
+
+TEST_F(CShortLinkTest, Upload_DrainsSlowlyAfterAReturn_AndBlockingSendersPass) {
+  Configured();
+  m_random.uPercent = 0;
+  m_answers["/v1/upload"] = CFakeHttp::Status(503);
+  for (int i = 0; i < 500; ++i)
+    Add(0);
+  Work();
+  m_answers["/v1/upload"] = CFakeHttp::Status(200);
+  m_http.seen.clear();
+  m_clock.Advance(1000);
+  Work();
+  EXPECT_NEAR(static_cast<double>(m_http.Seen("/v1/upload").size()), 100, 2);
+  m_clock.Advance(50);
+  Add(3, "waited", true);
+  Work();
+  EXPECT_NEAR(static_cast<double>(m_http.Seen("/v1/upload").size()), 106, 2);
+  EXPECT_EQ(m_http.Seen("/v1/upload").back().strBody, "waited");
+  for (int i = 0; i < 100; ++i) {
+    m_clock.Advance(50);
+    Work();
+  }
+  EXPECT_EQ(m_outbox.Waiting(), 0u);
+  // Nothing has piled up any more.
+  m_http.seen.clear();
+  for (int i = 0; i < 300; ++i)
+    Add(0);
+  Work();
+  EXPECT_EQ(m_http.Seen("/v1/upload").size(), 300u);
 }
