@@ -181,13 +181,13 @@ class Cloud:
         if code != 0:
             raise StepFailed("zxctl push: " + error.strip())
 
-    def wait_finished(self, command_id, seconds):
-        """The command as the cloud's database has it, once it is finished."""
+    def wait_finished(self, command_id, seconds, states=("acked", "refused", "expired")):
+        """The command as the cloud's database has it, once it is in one of the states."""
         deadline = time.monotonic() + seconds
         while True:
             trace = self.ask("trace", command_id)
             command = trace["commands"][0] if trace else None
-            if command and command["state"] in ("acked", "refused", "expired"):
+            if command and command["state"] in states:
                 return command
             if time.monotonic() > deadline:
                 state = command["state"] if command else "unknown to the cloud"

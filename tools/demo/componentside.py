@@ -3,7 +3,7 @@ import json
 import os
 import pwd
 
-from processes import Child, StepFailed
+from processes import Child, StepFailed, wait_for
 
 # Name, GUID, user, message types that it sends. Users that every Debian has: nothing is added to the machine.
 COMPONENTS = [
@@ -73,6 +73,19 @@ class Components:
             self.children.append(Child(name, [self.path("bin/" + name), "--home", self.home],
                                        os.path.join(os.path.dirname(self.home), name + ".out"),
                                        {"ZX_LOG_DIR": self.path("data/%s/log" % name)}, account))
+
+    def wait_joined(self, seconds):
+        """Until each of them is on the bus."""
+        for child in self.children:
+            if not wait_for(lambda: self._says(child.name, "component bus is there"), seconds):
+                raise StepFailed("%s is not on the bus" % child.name)
+
+    def _says(self, name, words):
+        try:
+            with open(self.path("log/%s.log" % log_of(name)), encoding="utf-8", errors="replace") as text:
+                return words in text.read()
+        except OSError:
+            return False
 
     def stop(self):
         children, self.children = self.children, []

@@ -96,9 +96,12 @@ def main():
         cloud.start()
         agent.deploy(cloud.agent_address())
         agent.start()
+        agent.components.start()
+        agent.components.wait_joined(SECONDS)
         if not wait_for(lambda: any(entry["online"] for entry in cloud.agents()), SECONDS):
             raise StepFailed("the agent does not connect")
         steps(agent, cloud, cloud.agents()[0]["mid"])
+        agent.components.stop()
         agent.stop()
         return 0
     except StepFailed as failed:
@@ -109,7 +112,7 @@ def main():
                 print("".join(text.readlines()[-40:]))
         return 1
     finally:
-        for child in (agent.child, cloud.child, broker.child):
+        for child in (*agent.components.children, agent.child, cloud.child, broker.child):
             if child is not None:
                 child.stop()
         shutil.rmtree(folder, ignore_errors=True)
