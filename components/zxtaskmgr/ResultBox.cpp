@@ -104,10 +104,9 @@ void CResultBox::OnUploadResult(uint64_t u64DataId, int32_t iResult) {
 }
 
 void CResultBox::Put(const _Event& event) {
-  {
-    const std::lock_guard lock(m_mutex);
-    m_events.push_back(event);
-  }
+  // Under the lock: whoever has seen the event may end this object.
+  const std::lock_guard lock(m_mutex);
+  m_events.push_back(event);
   m_cond.notify_all();
 }
 
