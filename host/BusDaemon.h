@@ -42,7 +42,7 @@ class CBusDaemon {
   bool Reap(CPString& strHow);
   // Readable while it has written something; stays open until its end was read. -1: none.
   int OutputFd() const { return m_iOutputFd; }
-  // One read of the output; empty when there is nothing more for now. Closes at the end of the output.
+  // One read of the output; empty when nothing more has come yet. Closes at the end of the output.
   std::string ReadOutput();
   // SIGTERM, after uiGraceMs SIGKILL; reaped when it returns.
   void Stop(uint32_t uiGraceMs);

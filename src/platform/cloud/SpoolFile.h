@@ -21,7 +21,7 @@ enum class ESpoolResult {
   Ok,
   Full,     // no room on the disk: what was asked did not happen, the rest goes on
   Damaged,  // the file is to be set aside
-  Failed    // not readable or writable for now; reopen later
+  Failed    // not readable or writable at the moment; reopen later
 };
 
 struct _SpoolInsert {

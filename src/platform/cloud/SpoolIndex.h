@@ -47,7 +47,7 @@ class CSpoolIndex {
   // Records found in the file, in any order; those known already (waiting, taken, to be deleted) are left
   // out. Returns what was new.
   _SpoolCount Recover(const std::vector<std::pair<int, _SpoolEntry>>& listFound);
-  // Forgets waiting entries without a body: the file cannot be read for now. Returns what went.
+  // Forgets waiting entries without a body: the file cannot be read at the moment. Returns what went.
   _SpoolCount DropUnloaded();
 
   bool Empty(int iQueue) const { return Queue(iQueue).entries.empty(); }

@@ -36,7 +36,7 @@ class Clock:
 
     def __init__(self, file, library):
         self.file = file
-        self.library = library
+        self.shim = library
         self.set(0)
 
     def set(self, seconds):
@@ -44,9 +44,9 @@ class Clock:
             text.write(struct.pack("=q", seconds))
 
     def environment(self):
-        if not self.library:
+        if not self.shim:
             return {}
-        return {"LD_PRELOAD": self.library, "ZX_CLOCK_FILE": self.file}
+        return {"LD_PRELOAD": self.shim, "ZX_CLOCK_FILE": self.file}
 
 
 class Disk:
