@@ -42,7 +42,7 @@ bool ReloadBusConfig(const CPString& strAddress, uint32_t uiTimeoutMs, CPString&
   int iResult =
       sd_bus_message_new_method_call(bus.get(), &pCall, "org.freedesktop.DBus", "/org/freedesktop/DBus",
                                      "org.freedesktop.DBus", "ReloadConfig");
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   if (iResult >= 0)
     iResult = sd_bus_call(bus.get(), pCall, uint64_t{uiTimeoutMs} * 1000, &error, nullptr);
   if (iResult < 0)

@@ -146,8 +146,8 @@ int CBusControl::OnCallerIds(sd_bus_message* pMessage, void* pSelf, sd_bus_error
     return 1;
   _Ids ids;
   if (!ReadIds(pMessage, ids) || (ids.uiUid != 0 && ids.uiUid != geteuid())) {
-    const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(SD_BUS_ERROR_ACCESS_DENIED,
-                                                       "only root and the host's own user may call the host");
+    const sd_bus_error error{SD_BUS_ERROR_ACCESS_DENIED,
+                             "only root and the host's own user may call the host", 0};
     sd_bus_reply_method_error(node.mapped().get(), &error);
     return 1;
   }
@@ -202,6 +202,6 @@ void CBusControl::Reply(const _Answer& answer) {
   const char* pszText = answer.uiResult == 0 ? "the answer is too long or no text" : answer.strJson.c_str();
   if (*pszText == 0)
     pszText = TextOfBusResult(answer.uiResult);
-  const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(pszError, pszText);
+  const sd_bus_error error{pszError, pszText, 0};
   sd_bus_reply_method_error(pCall, &error);
 }

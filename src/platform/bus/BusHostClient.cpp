@@ -64,7 +64,7 @@ uint32_t ZxBusCallHost(const char* pszAddress, const char* pszMethod, const char
   if (iResult < 0 || (iResult = sd_bus_message_append(pRawCall, "ss", pszMethod, pszJson)) < 0 ||
       (iResult = sd_bus_message_set_auto_start(pRawCall, 0)) < 0)
     return Failed(iResult, ppszAnswer);
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   sd_bus_message* pRawReply = nullptr;
   iResult = sd_bus_call(pRaw, pRawCall, u64TimeoutUs, &error, &pRawReply);
   const TBusMessage reply(pRawReply);

@@ -224,7 +224,7 @@ int CBusLink::SendBroadcast(const CBusMessage& message) {
 }
 
 void CBusLink::WriteError(sd_bus_message* pCall, uint32_t uiResult) {
-  const sd_bus_error error = SD_BUS_ERROR_MAKE_CONST(ErrorOfBusResult(uiResult), TextOfBusResult(uiResult));
+  const sd_bus_error error{ErrorOfBusResult(uiResult), TextOfBusResult(uiResult), 0};
   sd_bus_reply_method_error(pCall, &error);
 }
 

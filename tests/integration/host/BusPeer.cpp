@@ -95,7 +95,7 @@ CPeerBus::~CPeerBus() {
 
 std::string CPeerBus::CallDaemon(const char* pszInterface, const char* pszMember, const char* pszSignature,
                                  const char* pszArgument) {
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   sd_bus_message* pCall = nullptr;
   sd_bus_message* pReply = nullptr;
   sd_bus_message_new_method_call(m_pBus, &pCall, "org.freedesktop.DBus", "/org/freedesktop/DBus",
@@ -116,7 +116,7 @@ std::string CPeerBus::Own(const std::string& strName) {
 }
 
 std::string CPeerBus::Send(const std::string& strName, uint32_t uiType) {
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   sd_bus_message* pCall = nullptr;
   sd_bus_message* pReply = nullptr;
   sd_bus_message_new_method_call(m_pBus, &pCall, strName.c_str(), PathOf(uiType).c_str(), kInterface, "Send");

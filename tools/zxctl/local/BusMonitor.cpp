@@ -74,7 +74,7 @@ int CBusMonitor::Open(const std::string& strAddress, std::string& strError) {
   sd_bus_close_unref(pAsk);
   if (iResult >= 0)
     iResult = OpenBus(strAddress, true, &m_pBus);
-  sd_bus_error error = SD_BUS_ERROR_NULL;
+  sd_bus_error error{};
   if (iResult >= 0)
     iResult = sd_bus_call_method(m_pBus, kDaemonName, kDaemonPath, "org.freedesktop.DBus.Monitoring",
                                  "BecomeMonitor", &error, nullptr, "asu", 0, 0);

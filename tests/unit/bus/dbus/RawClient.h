@@ -39,7 +39,7 @@ class CRawClient {
     return Finish(pCall, piStatus);
   }
   std::string Finish(sd_bus_message* pCall, int32_t* piStatus = nullptr) {
-    sd_bus_error error = SD_BUS_ERROR_NULL;
+    sd_bus_error error{};
     sd_bus_message* pReply = nullptr;
     const int iResult = sd_bus_call(m_pBus, pCall, 20000000, &error, &pReply);
     std::string str;
