@@ -125,8 +125,14 @@ class Program:
         return self.child is not None and self.child.poll() is None
 
     def await_ready(self, seconds):
-        if not wait_for(lambda: not self.running() or self.ready(), seconds) or not self.running():
-            raise StepFailed(self.name + " does not start, see " + self.log_file)
+        """A program that ends at once, for instance on a disk that is full at that moment, is started again as a service manager
+        would."""
+        deadline = time.monotonic() + seconds
+        while not wait_for(lambda: not self.running() or self.ready(), max(0, deadline - time.monotonic())) or not self.running():
+            if time.monotonic() >= deadline or self.running():
+                raise StepFailed(self.name + " does not start, see " + self.log_file)
+            time.sleep(0.2)
+            self.start()
 
     def kill(self):
         if self.running():
