@@ -25,6 +25,14 @@ struct CFree {
   void operator()(SSL* p) const { SSL_free(p); }
 };
 
+// Lets what was sent arrive before the reset that unread bytes would cause.
+void EndPolitely(int fd) {
+  shutdown(fd, SHUT_WR);
+  char ch = 0;
+  while (recv(fd, &ch, 1, 0) == 1) {
+  }
+}
+
 void Must(bool bOk, const char* pszWhat) {
   if (bOk)
     return;
@@ -152,6 +160,7 @@ void CTestTlsServer::Serve(int fd) {
   if (manners.eMode == _TlsManners::EMode::Plain) {
     CPeer peer(fd, nullptr);
     Talk(peer, manners.strHttpBody);
+    EndPolitely(fd);
   } else if (manners.eMode == _TlsManners::EMode::Garbage) {
     if (recv(fd, &ch, 1, 0) == 1)
       send(fd, kGarbage, sizeof(kGarbage), MSG_NOSIGNAL);
@@ -177,11 +186,7 @@ void CTestTlsServer::ServeTls(int fd, const _TlsManners& manners) {
   CPeer peer(fd, pSsl.get());
   if (bOk)
     Talk(peer, manners.strHttpBody);
-  // Lets an alert arrive before the reset that unread bytes would cause.
-  shutdown(fd, SHUT_WR);
-  char ch = 0;
-  while (recv(fd, &ch, 1, 0) == 1) {
-  }
+  EndPolitely(fd);
 }
 
 void CTestTlsServer::Talk(CPeer& peer, const std::string& strHttpBody) {
