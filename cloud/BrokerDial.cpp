@@ -31,8 +31,23 @@ bool CBrokerLink::SetupTls(const std::string& strHost, std::string& strError) {
   m_pCtx.reset();
   if (m_config.bPlaintextLoopback)
     return true;
+  m_lVerdict = X509_V_OK;
   m_pCtx = NewBrokerContext(m_config, strHost, strError);
-  return m_pCtx != nullptr;
+  if (m_pCtx == nullptr)
+    return false;
+  SSL_CTX_set_app_data(m_pCtx.get(), this);
+  SSL_CTX_set_verify(m_pCtx.get(), SSL_VERIFY_PEER, &CBrokerLink::OnVerify);
+  return true;
+}
+
+// The library may drop its connection before anybody can ask it why the certificate was refused.
+int CBrokerLink::OnVerify(int iAccepted, X509_STORE_CTX* pStore) {
+  const auto* pSsl =
+      static_cast<SSL*>(X509_STORE_CTX_get_ex_data(pStore, SSL_get_ex_data_X509_STORE_CTX_idx()));
+  if (iAccepted == 0)
+    static_cast<CBrokerLink*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(pSsl)))->m_lVerdict =
+        X509_STORE_CTX_get_error(pStore);
+  return iAccepted;
 }
 
 bool CBrokerLink::Setup(std::string& strError) {
@@ -156,10 +171,8 @@ bool CBrokerLink::EndedInHandshake() const {
 }
 
 std::string CBrokerLink::FailureText(int iCode) const {
-  const SSL* pSsl = static_cast<SSL*>(mosquitto_ssl_get(m_pMosq));
-  const long lVerdict = pSsl != nullptr ? SSL_get_verify_result(pSsl) : X509_V_OK;
-  if (lVerdict != X509_V_OK)
-    return std::string("certificate refused: ") + X509_verify_cert_error_string(lVerdict);
+  if (m_lVerdict != X509_V_OK)
+    return std::string("certificate refused: ") + X509_verify_cert_error_string(m_lVerdict);
   return iCode == MOSQ_ERR_KEEPALIVE ? "no answer to the keep-alive" : mosquitto_strerror(iCode);
 }
 

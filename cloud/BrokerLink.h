@@ -76,6 +76,7 @@ class CBrokerLink {
   bool Pause(int iMs);  // false: stopping
   void DrainWake();
 
+  static int OnVerify(int iAccepted, X509_STORE_CTX* pStore);
   static void OnConnect(mosquitto*, void* pThis, int iCode);
   static void OnSubscribe(mosquitto*, void* pThis, int iMid, int iCount, const int* pGranted);
   static void OnMessage(mosquitto*, void* pThis, const mosquitto_message* pMessage);
@@ -91,6 +92,7 @@ class CBrokerLink {
   // The link's thread only.
   mosquitto* m_pMosq = nullptr;
   TSslCtx m_pCtx;            // of this connection; null: plain text
+  long m_lVerdict = 0;       // X509_V_ERR_... that it met; 0: none
   size_t m_uAddress = 0;     // the next one to try
   unsigned m_uFailures = 0;  // in a row
   std::minstd_rand m_random;
