@@ -29,6 +29,7 @@ constexpr int kBackoffBaseMs = 500;
 // There is one cloud, not a fleet of them: trying every few seconds harms nobody, and what machines have
 // handed to the broker should not wait longer than that once the trouble is over.
 constexpr int kBackoffCapMs = 5000;
+constexpr size_t kReasonsMax = 16;  // told during one loss
 
 }  // namespace
 
@@ -123,11 +124,15 @@ void CBrokerLink::Loop() {
 }
 
 void CBrokerLink::Lost(const std::string& strWhy) {
-  // One line per loss, not one per attempt.
-  if (m_bUp.exchange(false) || !m_bOffline)
+  // One line per loss and reason, not one per attempt: what cures one reason often shows the next.
+  if (m_bUp.exchange(false))
+    m_listReasons.clear();
+  const bool bKnown = std::find(m_listReasons.begin(), m_listReasons.end(), strWhy) != m_listReasons.end();
+  if (!bKnown && m_listReasons.size() < kReasonsMax) {
     LogWarnTo(CloudLog(), "*zxcloudd broker not connected address[%s] error[%s]",
               AddressText(m_config.listAddresses[m_uAddress]), strWhy);
-  m_bOffline = true;
+    m_listReasons.push_back(strWhy);
+  }
   m_uAddress = (m_uAddress + 1) % m_config.listAddresses.size();
 }
 
@@ -192,7 +197,7 @@ bool CBrokerLink::Subscribe() {
 
 void CBrokerLink::OnUp() {
   m_bUp = true;
-  m_bOffline = false;
+  m_listReasons.clear();
   m_bMayWait = true;
   m_u64UpSince = ZxGetTickCount();
   LogInfoTo(CloudLog(), "zxcloudd broker connected address[%s]",

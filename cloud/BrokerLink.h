@@ -105,7 +105,7 @@ class CBrokerLink {
   size_t m_uBatchBytes = 0;
   std::vector<int64_t> m_listPushed;               // acknowledged by the broker, not yet noted
   std::unordered_map<int, int64_t> m_mapInFlight;  // library's message id to command
-  bool m_bOffline = false;                         // state logged: lost since the last connection
+  std::vector<std::string> m_listReasons;          // logged since the connection was lost
 };
 
 }  // namespace zxcloudd

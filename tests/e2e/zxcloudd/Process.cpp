@@ -2,7 +2,9 @@
 
 #include <arpa/inet.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -113,19 +115,27 @@ int FreePort() {
 }
 
 CSilentPort::CSilentPort() {
-  m_listSockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int iListener = m_listSockets.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
   sockaddr_in address = Loopback(0);
   socklen_t uLength = sizeof(address);
-  bind(m_listSockets[0], reinterpret_cast<sockaddr*>(&address), sizeof(address));
-  getsockname(m_listSockets[0], reinterpret_cast<sockaddr*>(&address), &uLength);
-  listen(m_listSockets[0], 0);
+  bind(iListener, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+  getsockname(iListener, reinterpret_cast<sockaddr*>(&address), &uLength);
+  // Not 0: the kernel would answer with cookies then, and reset whoever finds the queue full after all.
+  listen(iListener, 1);
   m_iPort = ntohs(address.sin_port);
-  // The kernel takes one more than the backlog says.
-  for (int i = 0; i < 4; ++i) {
-    m_listSockets.push_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    if (connect(m_listSockets.back(), reinterpret_cast<sockaddr*>(&address), sizeof(address)) == 0)
-      break;
+  for (int i = 0; i < 2; ++i) {  // it takes one more than the backlog says
+    const int iSocket = m_listSockets.emplace_back(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    connect(iSocket, reinterpret_cast<sockaddr*>(&address), sizeof(address));
   }
+  // For a listening socket the kernel gives the queue's length as "unacked", its bound as "sacked".
+  EXPECT_TRUE(EventuallyTrue(
+      [iListener] {
+        tcp_info info{};
+        socklen_t uSize = sizeof(info);
+        return getsockopt(iListener, IPPROTO_TCP, TCP_INFO, &info, &uSize) == 0 &&
+               info.tcpi_unacked > info.tcpi_sacked;
+      },
+      kE2eDeadlineMs));
 }
 
 CSilentPort::~CSilentPort() {
