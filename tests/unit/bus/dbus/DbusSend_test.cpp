@@ -102,8 +102,9 @@ TEST_F(DbusTest, SendsWithoutACallbackArriveAndLeaveNothingBehind) {
   for (int i = 0; i < 500; ++i)
     ASSERT_EQ(own->AsynSendEx(&guidPeer, kNoted, "quiet", 5, nullptr, nullptr, nullptr, 0), 0u);
   Converse(own, guidPeer);
-  EXPECT_EQ(peer->Count("recv 3 from " + TextOf(own.Guid()) + " bytes 5 baton 0"), 500u);
-  EXPECT_EQ(Figure(own.Guid(), "under_way"), 0);
+  const std::string strExpected = "recv 3 from " + TextOf(own.Guid()) + " bytes 5 baton 0";
+  EXPECT_TRUE(EventuallyTrue([&] { return peer->Count(strExpected) == 500; }));
+  EXPECT_TRUE(EventuallyTrue([&] { return Figure(own.Guid(), "under_way") == 0; }));
 }
 
 TEST_F(DbusTest, WhatWasSentBeforeLeavingArrives) {
