@@ -124,8 +124,11 @@ class CListener : public httplib::Server {
     bool bDone = false;
     if (!t_bTooMany) {
       CHttpStream stream(sock, m_pCtx.get(), m_iStopFd, m_limits);
+      t_bCloseConnection = false;
       if (m_pCtx == nullptr || stream.Ssl() != nullptr)
         bDone = Serve(stream);
+      if (t_bCloseConnection)
+        stream.Linger();
     }
     shutdown(sock, SHUT_RDWR);
     close(sock);

@@ -82,6 +82,20 @@ bool CHttpStream::WaitRequest(uint64_t u64IdleMs) {
   return true;
 }
 
+void CHttpStream::Linger() {
+  if (m_pSsl != nullptr) {
+    ERR_clear_error();
+    SSL_shutdown(m_pSsl);
+  }
+  shutdown(m_iSocket, SHUT_WR);
+  const uint64_t u64Until = ZxGetTickCount() + m_limits.u64LingerMs;
+  while (Wait(EIo::WantRead, u64Until, true)) {
+    const ssize_t iGot = recv(m_iSocket, m_buffer.data(), m_buffer.size(), 0);
+    if (iGot == 0 || (iGot < 0 && errno != EAGAIN && errno != EINTR))
+      return;
+  }
+}
+
 uint64_t CHttpStream::Deadline() const {
   const uint64_t u64Stall = ZxGetTickCount() + m_limits.u64StallMs;
   return std::min(u64Stall, m_u64Started + (m_bInHead ? m_limits.u64HeadMs : m_limits.u64RequestMs));

@@ -18,6 +18,7 @@ struct _StreamLimits {
   uint64_t u64HeadMs = 15000;      // from the first byte to the end of the head
   uint64_t u64RequestMs = 120000;  // from the first byte to the last of the answer
   uint64_t u64StallMs = 10000;     // without any byte in a wanted direction
+  uint64_t u64LingerMs = 2000;     // for what still arrives after an early answer
 };
 
 class CHttpStream : public httplib::Stream {
@@ -31,6 +32,9 @@ class CHttpStream : public httplib::Stream {
   bool Handshake();  // true at once without TLS
   // The next request's first byte is there; starts its budget. False as well after a failed read.
   bool WaitRequest(uint64_t u64IdleMs);
+  // Says goodbye after an answer that was given before the request was read to its end, and takes what is
+  // still on its way: closing over unread bytes would reset the connection, and the answer with it.
+  void Linger();
   const SSL* Ssl() const { return m_pSsl; }
 
   bool is_readable() const override { return true; }  // read and write wait themselves

@@ -6,7 +6,8 @@
 // it is and, once the agent took it, moved to policy/taken/.
 //
 // Threads: the thread "zxtaskmgr" owns the store; Start and Stop are the host's, everything else may come
-// from any thread and only queues.
+// from any thread and only queues. Completions of its calls come until the bus context is uninitialized: it
+// lives longer than that.
 #pragma once
 
 #include <atomic>

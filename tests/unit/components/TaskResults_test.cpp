@@ -5,6 +5,7 @@
 
 #include <condition_variable>
 #include <cstring>
+#include <memory>
 #include <mutex>
 
 #include "platform/bus/zxbus.h"
@@ -88,6 +89,7 @@ class TaskResults : public testing::Test {
   }
   void Restart() {
     m_pBox->Stop();
+    m_listOld.push_back(std::move(m_pBox));  // calls of it may still be under way
     Start();
   }
   bool Add(const std::string& strBody) {
@@ -117,6 +119,7 @@ class TaskResults : public testing::Test {
   CLogCapture m_log;
   IBusContext* m_pBus;
   std::unique_ptr<CResultBox> m_pBox;
+  std::vector<std::unique_ptr<CResultBox>> m_listOld;
 };
 
 TEST_F(TaskResults, Record_HasItsFieldsWhereTheAgentReadsThem) {

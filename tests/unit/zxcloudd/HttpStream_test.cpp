@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <thread>
 
 namespace zxcloudd {
 namespace {
@@ -70,6 +71,31 @@ TEST_F(CHttpStream_, Body_BeginsAfterTheEmptyLine_AlsoWithoutCarriageReturns) {
   Send(strHead + std::string(100, 'b'));
   ASSERT_TRUE(Stream().WaitRequest(1000));
   EXPECT_EQ(ReadBytes(1000), strHead + std::string(32, 'b'));
+}
+
+TEST_F(CHttpStream_, Linger_TakesWhatStillArrives_UntilThePeerCloses) {
+  m_limits.u64LingerMs = 40000;
+  Send(std::string(20000, 'x'));
+  std::thread peer([this] {
+    char ch = 0;
+    EXPECT_EQ(read(m_fds[1], &ch, 1), 0) << "the peer is told first";
+    Send(std::string(20000, 'y'));
+    close(m_fds[1]);
+    m_fds[1] = -1;
+  });
+  Stream().Linger();
+  peer.join();
+  char ch = 0;
+  EXPECT_EQ(recv(m_fds[0], &ch, 1, MSG_DONTWAIT), 0) << "nothing is left unread";
+}
+
+TEST_F(CHttpStream_, Linger_EndsAtItsTime_AndOnStop) {
+  m_limits.u64LingerMs = 1;
+  Stream().Linger();
+  m_pStream.reset();
+  m_limits.u64LingerMs = 3600000;
+  SetStop();
+  Stream().Linger();
 }
 
 TEST_F(CHttpStream_, NextRequest_StartsWithAFullBudget) {
