@@ -1,7 +1,6 @@
 #include "BusService.h"
 
 #include <poll.h>
-#include <sys/eventfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -75,8 +74,6 @@ CBusService::CBusService(const _HostConfig& config, const CPString& strHome)
 
 CBusService::~CBusService() {
   Stop();
-  if (m_iWakeFd >= 0)
-    close(m_iWakeFd);
 }
 
 bool CBusService::Start() {
@@ -84,28 +81,18 @@ bool CBusService::Start() {
     LogInfoTo(g_hHostLog, "zxhost bus is off by configuration, components run in this process only");
     return true;
   }
-  m_iWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (m_iWakeFd < 0)
-    return false;
-  try {
-    m_thread = std::thread([this] { Run(); });
-  } catch (const std::system_error& e) {
-    errno = e.code().value();
-    return false;
-  }
-  return true;
+  return m_thread.Start([this] { Run(); });
 }
 
 void CBusService::Stop() {
-  if (!m_thread.joinable())
+  if (!m_thread.IsJoinable())
     return;
   {
     CCritLock lock(m_cs);
     m_bStop = true;
   }
-  const uint64_t u64One = 1;
-  (void)!write(m_iWakeFd, &u64One, sizeof(u64One));
-  m_thread.join();
+  m_thread.Signal();
+  m_thread.Join();
 }
 
 _BusSnapshot CBusService::Snapshot() {
@@ -150,7 +137,7 @@ void CBusService::Run() {
     LogInfoTo(g_hHostLog, "zxhost bus begin with the bus of the configuration address[%s]", m_strAddress);
   for (;;) {
     Step(ZxGetTickCount());
-    pollfd fds[4] = {{m_iWakeFd, POLLIN, 0}, {m_watch.Fd(), POLLIN, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
+    pollfd fds[4] = {{m_thread.Fd(), POLLIN, 0}, {m_watch.Fd(), POLLIN, 0}, {-1, POLLIN, 0}, {-1, POLLIN, 0}};
     if (m_pDaemon != nullptr) {
       fds[2].fd = m_pDaemon->ExitFd();
       fds[3].fd = m_pDaemon->OutputFd();

@@ -9,11 +9,11 @@
 #pragma once
 
 #include <memory>
-#include <thread>
 
 #include "BusDaemon.h"
 #include "ComponentList.h"
 #include "DaemonOutput.h"
+#include "EventThread.h"
 #include "HostConfig.h"
 #include "ManifestWatch.h"
 #include "platform/os/ZxCritSec.h"
@@ -64,8 +64,7 @@ class CBusService {
   const _HostConfig m_config;
   const CPString m_strHome;
   const CPString m_strAddress;
-  std::thread m_thread;
-  int m_iWakeFd = -1;
+  CEventThread m_thread;
 
   // The thread's own.
   std::unique_ptr<CBusDaemon> m_pDaemon;

@@ -1,10 +1,5 @@
 #include "PluginDriver.h"
 
-#include <sys/eventfd.h>
-#include <unistd.h>
-
-#include <cerrno>
-#include <system_error>
 #include <utility>
 
 #include "HostLog.h"
@@ -24,34 +19,8 @@ CPluginDriver::CPluginDriver(const _HostConfig& config, CPString strHome)
 }
 
 CPluginDriver::~CPluginDriver() {
-  if (m_thread.joinable())
-    m_thread.join();
-  if (m_iEventFd >= 0)
-    close(m_iEventFd);
+  m_thread.Join();
   pthread_cond_destroy(&m_condAnswered);
-}
-
-bool CPluginDriver::Start() {
-  m_iEventFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  if (m_iEventFd < 0)
-    return false;
-  try {
-    m_thread = std::thread([this] { Run(); });
-  } catch (const std::system_error& e) {
-    errno = e.code().value();
-    return false;
-  }
-  return true;
-}
-
-void CPluginDriver::Notify() {
-  const uint64_t u64One = 1;
-  (void)!write(m_iEventFd, &u64One, sizeof(u64One));
-}
-
-void CPluginDriver::TakeEvents() {
-  uint64_t u64Count = 0;
-  (void)!read(m_iEventFd, &u64Count, sizeof(u64Count));
 }
 
 CPluginDriver::EPhase CPluginDriver::Phase() {
@@ -79,7 +48,7 @@ void CPluginDriver::SetPhase(EPhase ePhase) {
     CCritLock lock(m_cs);
     m_ePhase = ePhase;
   }
-  Notify();
+  m_thread.Signal();
 }
 
 void CPluginDriver::RequestStop() {
@@ -159,7 +128,7 @@ void CPluginDriver::WaitForStop() {
       ++m_uiAnswered;
       pthread_cond_broadcast(&m_condAnswered);
     }
-    Notify();
+    m_thread.Signal();
   }
 }
 

@@ -6,10 +6,10 @@
 #include <pthread.h>
 
 #include <memory>
-#include <thread>
 #include <utility>
 #include <vector>
 
+#include "EventThread.h"
 #include "HostConfig.h"
 #include "Plugin.h"
 
@@ -31,10 +31,12 @@ class CPluginDriver {
   CPluginDriver(const CPluginDriver&) = delete;
   CPluginDriver& operator=(const CPluginDriver&) = delete;
 
-  bool Start();  // false: no event descriptor or no thread (errno)
+  bool Start() {
+    return m_thread.Start([this] { Run(); });
+  }  // false: no event descriptor or no thread (errno)
   // Readable after each change of the phase and each answer to RequestTick, until TakeEvents.
-  int EventFd() const { return m_iEventFd; }
-  void TakeEvents();
+  int EventFd() const { return m_thread.Fd(); }
+  void TakeEvents() const { m_thread.Take(); }
 
   EPhase Phase() TS_EXCLUDES(m_cs);
   size_t Started() TS_EXCLUDES(m_cs);  // plug-ins that were started in this run
@@ -55,15 +57,13 @@ class CPluginDriver {
   void SetState(size_t uIndex, const char* pszState, int iStatus) TS_EXCLUDES(m_cs);
   void SetPhase(EPhase ePhase) TS_EXCLUDES(m_cs);
   bool IsStopRequested() TS_EXCLUDES(m_cs);
-  void Notify();
 
   const _HostConfig m_config;
   const CPString m_strHome;
   CStepNote m_note;
   // The driver's thread only; with the place in the configuration.
   std::vector<std::pair<size_t, std::unique_ptr<CPlugin>>> m_plugins;
-  std::thread m_thread;
-  int m_iEventFd = -1;
+  CEventThread m_thread;
 
   CCritSec m_cs;
   pthread_cond_t m_cond = PTHREAD_COND_INITIALIZER;
