@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <filesystem>
 #include <limits>
 
@@ -28,12 +27,6 @@ constexpr uint64_t kReserveBytes = 4u << 20;  // two of the largest transactions
 constexpr uint64_t kRoomBytes = kReserveBytes + (4u << 20);
 // Below this part of the limit a full store takes input again.
 constexpr uint64_t kResumeAt = 10;
-
-int64_t WallMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 }  // namespace
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <limits>
 
@@ -44,6 +45,12 @@ int64_t Signed(uint64_t u64) {
 }
 
 }  // namespace
+
+int64_t WallMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
 
 bool CStore::Open(const std::string& strFile, int64_t i64WallMs, std::string& strSetAside) {
   Close();

@@ -44,6 +44,8 @@ struct _Held {
   int64_t i64OldestAgeMs = -1;  // -1: nothing held
 };
 
+int64_t WallMs();  // the time of day, as the store is told it
+
 class CStore {
  public:
   // Creates what is missing. A file that is no database of ours is set aside under a name with ".damaged-"

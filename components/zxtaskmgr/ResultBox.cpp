@@ -13,6 +13,7 @@
 #include "zxlogcache/Records.h"
 
 using zxlogcache::_SourceSettings;
+using zxlogcache::WallMs;
 
 namespace {
 
@@ -26,12 +27,6 @@ constexpr size_t kUploadResultBytes = 48;
 constexpr uint64_t kRetryStoreMs = 1000;
 constexpr uint64_t kLookForPoliciesMs = 1000;
 constexpr uint64_t kPolicyPauseMs = 10000;
-
-int64_t WallMs() {
-  return std::chrono::duration_cast<std::chrono::milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
 
 template <class T>
 void PutNumber(std::string& strRecord, size_t uAt, T value) {
