@@ -99,7 +99,7 @@ TEST_F(Zxctl, NoHost_SaysSo) {
   EXPECT_THAT(m_strOutput, HasSubstr("is zxhost running?"));
   EXPECT_EQ(Run({"send", kSample, "--type", "20001"}), kUnreachable);
   EXPECT_EQ(Run({"doctor", "--offline"}), kFailed);
-  EXPECT_THAT(m_strOutput, HasSubstr("systemctl start zxhost"));
+  EXPECT_THAT(m_strOutput, HasSubstr("systemctl start zxagent"));
   EXPECT_EQ(Run({"routes"}), 0);
 }
 

@@ -195,7 +195,7 @@ void CheckHost(const std::string& strHome, TFindings& findings) {
   CPJsonParse status;
   if (AskHost(strHome, "status", status) != kExitOk) {
     Problem(findings, "host", "no host answers on " + BusAddressOf(strHome),
-            "systemctl start zxhost, or look into log/zxhost.log for why it ended");
+            "systemctl start zxagent, or look into log/zxhost.log for why it ended");
     return;
   }
   Good(findings, "host", "runs, up " + SpanText(NumberOf(status, nullptr, "uptime_sec")));
@@ -221,7 +221,8 @@ void CheckHost(const std::string& strHome, TFindings& findings) {
               "mend its etc/coms/client/<name>/config.json");
     else if (TextOf(components, hItem, "joined") == "false")
       Note(findings, "components", TextOf(components, hItem, "name") + " is not on the bus",
-           "start it, or remove its manifest");
+           "systemctl start zxagent-component@" + TextOf(components, hItem, "name") +
+               ", or remove its manifest");
   }
 }
 
