@@ -13,28 +13,16 @@ import sys
 import tempfile
 import unittest
 
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+from machine import HOME, USERS, Machine, build_package, has_tools, run, text_of   # noqa: E402
+
 SOURCE, BUILD = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
-HOME = "opt/zxagent"
-
-
-def run(*command, **more):
-    done = subprocess.run(command, capture_output=True, text=True, **more)
-    if done.returncode != 0:
-        raise AssertionError(f"{' '.join(command)}: {done.returncode}\n{done.stdout}{done.stderr}")
-    return done.stdout
-
-
-def text_of(path):
-    with open(path, encoding="utf-8") as file:
-        return file.read()
-
-
 class Package(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
         cls.work = tempfile.mkdtemp(prefix="zxpackage.")
-        environment = dict(os.environ, ZX_DEB_COMPRESS="none")
-        cls.deb = run(f"{SOURCE}/packaging/deb/build", BUILD, cls.work, env=environment).strip()
+        cls.deb = build_package(SOURCE, BUILD, cls.work)
         # mode, owner, path of every member
         cls.files = {}
         for line in run("dpkg-deb", "-c", cls.deb).splitlines():
@@ -97,15 +85,27 @@ class Package(unittest.TestCase):
         for script in ("postinst", "prerm", "postrm"):
             run("sh", "-n", f"{SOURCE}/packaging/deb/{script}")
 
-    def test_every_component_user_is_made(self):
+    def test_components_are_processes(self):
         users = {line.split()[1] for line in text_of(f"{SOURCE}/packaging/systemd/zxagent.sysusers").splitlines()
                  if line.startswith("u ")}
-        self.assertIn("zxbus", users)
-        clients = f"{SOURCE}/packaging/etc/coms/client"
-        for name in os.listdir(clients):
-            bus = json.loads(text_of(f"{clients}/{name}/config.json")).get("bus")
-            if bus is not None:
-                self.assertIn(bus["user"], users)
+        self.assertEqual(users, set(USERS))
+        etc = f"{self.work}/processes"
+        run("dpkg-deb", "-x", self.deb, etc)
+        etc = f"{etc}/{HOME}/etc"
+        host = json.loads(text_of(f"{etc}/zxhost.json"))
+        in_process = {plugin["guid"] for plugin in host["plugins"]}
+        self.assertEqual([plugin["name"] for plugin in host["plugins"]], ["zxagent"])
+        names = sorted(os.listdir(f"{etc}/coms/client"))
+        self.assertEqual(names, ["zxlogcache", "zxsample", "zxtaskmgr"])
+        for name in names:
+            manifest = json.loads(text_of(f"{etc}/coms/client/{name}/config.json"))
+            bus = manifest.pop("bus")
+            self.assertEqual(bus["user"], name)
+            self.assertIn(bus["user"], users)
+            self.assertNotIn(manifest["plugins"][0]["id"], in_process)
+            self.assertIn(f"{HOME}/bin/{name}", self.files)
+            # The tree has the same component in the host's process.
+            self.assertEqual(json.loads(text_of(f"{SOURCE}/packaging/etc/coms/client/{name}/config.json")), manifest)
 
     def test_no_build_path_is_left(self):
         tree = f"{self.work}/tree"
@@ -148,45 +148,55 @@ class Package(unittest.TestCase):
                 print(f"{name}: exposure {exposure}")
                 self.assertLessEqual(exposure, limit, security.stdout)
 
-    def install(self, root, *more):
-        environment = dict(os.environ, DEBIAN_FRONTEND="noninteractive")
-        return run("dpkg", f"--root={root}", "--force-depends", "--force-script-chrootless", "--force-not-root",
-                   *more, env=environment)
-
     def test_installs_upgrades_and_purges(self):
         if os.geteuid() != 0:
             self.skipTest("needs root: files get owners")
-        root = f"{self.work}/machine"
-        for folder in ("var/lib/dpkg/info", "var/lib/dpkg/updates", "etc", "usr/bin"):
-            os.makedirs(f"{root}/{folder}")
-        for name in ("status", "available"):
-            open(f"{root}/var/lib/dpkg/{name}", "w", encoding="utf-8").close()
-        for name in ("passwd", "group"):
-            with open(f"{root}/etc/{name}", "w", encoding="utf-8") as table:
-                table.write("root:x:0:0:root:/root:/bin/sh\n" if name == "passwd" else "root:x:0:\n")
-        self.install(root, "-i", self.deb)
-        for name in ("zxbus", "zxtaskmgr", "zxlogcache", "zxsample"):
-            self.assertRegex(text_of(f"{root}/etc/passwd"), rf"(?m)^{name}:.*nologin$")
-        seeded = f"{root}/{HOME}/etc/zxagent/zxagent.json"
-        self.assertEqual(json.loads(text_of(seeded))["tconf"]["tconf_url"], "cloud.example.invalid:443")
-        self.assertEqual(stat.S_IMODE(os.stat(f"{root}/{HOME}/log").st_mode), 0o700)
+        machine = Machine(f"{self.work}/machine")
+        machine.dpkg("-i", self.deb)
+        for name in USERS:
+            self.assertRegex(machine.text("etc/passwd"), rf"(?m)^{name}:.*nologin$")
+        self.assertEqual(json.loads(machine.text(f"{HOME}/etc/zxagent/zxagent.json"))["tconf"]["tconf_url"],
+                         "cloud.example.invalid:443")
+        self.assertEqual(stat.S_IMODE(os.stat(machine.path(f"{HOME}/log")).st_mode), 0o700)
         # What the agent and the administrator have changed survives the next installation.
-        with open(seeded, "w", encoding="utf-8") as config:
+        with open(machine.path(f"{HOME}/etc/zxagent/zxagent.json"), "w", encoding="utf-8") as config:
             config.write('{"tconf": {"tconf_url": "cloud.example.org:443"}}')
-        with open(f"{root}/{HOME}/etc/zxhost.json", "a", encoding="utf-8") as config:
+        with open(machine.path(f"{HOME}/etc/zxhost.json"), "a", encoding="utf-8") as config:
             config.write("\n")
-        self.install(root, "-i", self.deb)
-        self.assertIn("cloud.example.org", text_of(seeded))
-        self.assertTrue(text_of(f"{root}/{HOME}/etc/zxhost.json").endswith("\n\n"))
-        self.install(root, "-r", "zxagent")
-        self.assertTrue(os.path.exists(f"{root}/{HOME}/etc/zxhost.json"))
-        self.assertFalse(os.path.exists(f"{root}/{HOME}/bin/zxhost"))
-        self.install(root, "-P", "zxagent")
-        self.assertFalse(os.path.exists(f"{root}/{HOME}"))
+        machine.dpkg("-i", self.deb)
+        self.assertIn("cloud.example.org", machine.text(f"{HOME}/etc/zxagent/zxagent.json"))
+        self.assertTrue(machine.text(f"{HOME}/etc/zxhost.json").endswith("\n\n"))
+        machine.dpkg("-r", "zxagent")
+        self.assertTrue(os.path.exists(machine.path(f"{HOME}/etc/zxhost.json")))
+        self.assertFalse(os.path.exists(machine.path(f"{HOME}/bin/zxhost")))
+        machine.dpkg("-P", "zxagent")
+        for path in (HOME, "var/lib/zxagent", "var/log/zxagent"):
+            self.assertFalse(os.path.exists(machine.path(path)), path)
+
+    def test_units_start_by_themselves_until_told_otherwise(self):
+        if os.geteuid() != 0 or shutil.which("systemctl") is None:
+            self.skipTest("needs root and systemctl")
+        machine = Machine(f"{self.work}/enabled")
+        machine.dpkg("-i", self.deb)
+        all_units = ["zxagent-component@zxlogcache.service", "zxagent-component@zxsample.service",
+                     "zxagent-component@zxtaskmgr.service", "zxagent.service"]
+        self.assertEqual(machine.enabled(), all_units)
+        run("systemctl", f"--root={machine.root}", "disable", "--quiet", "zxagent-component@zxsample.service")
+        kept = [unit for unit in all_units if "zxsample" not in unit]
+        self.assertEqual(machine.enabled(), kept)
+        machine.dpkg("-i", self.deb)
+        self.assertEqual(machine.enabled(), kept)
+        machine.dpkg("-r", "zxagent")
+        machine.dpkg("-i", self.deb)
+        self.assertEqual(machine.enabled(), kept)
+        machine.dpkg("-P", "zxagent")
+        self.assertEqual(machine.enabled(), [])
+        machine.dpkg("-i", self.deb)
+        self.assertEqual(machine.enabled(), all_units)
 
 
 if __name__ == "__main__":
-    if shutil.which("dpkg-deb") is None or shutil.which("dpkg-shlibdeps") is None:
+    if not has_tools():
         print("dpkg-deb or dpkg-shlibdeps is not on this machine")
         sys.exit(77)
     unittest.main(argv=sys.argv[:1], verbosity=2)
