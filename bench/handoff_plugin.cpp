@@ -1,20 +1,15 @@
 // Stands in for the task manager while latency is measured: notes when each command arrives and tells the
 // benchmark through a datagram socket "run/bench.sock" under the home: the hand-off text's time, then its
 // text.
-#include <dlfcn.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
 #include <cstdint>
 #include <cstring>
-#include <ctime>
-#include <new>
 #include <string>
 
-#include "platform/Api.h"
-#include "platform/bus/zxbus.h"
-#include "plugin/zxplugin.h"
+#include "BenchPlugin.h"
 
 namespace {
 
@@ -23,12 +18,6 @@ constexpr uint32_t kHandOff = 20001;
 IBusContext* g_pBus = nullptr;
 int g_iSocket = -1;
 sockaddr_un g_addr{};
-
-uint64_t NowNs() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<uint64_t>(ts.tv_sec) * 1000000000u + static_cast<uint64_t>(ts.tv_nsec);
-}
 
 class CReceiver final : public IMRReceiveComplete {
  public:
@@ -47,15 +36,9 @@ class CReceiver final : public IMRReceiveComplete {
 CReceiver g_Receiver;
 
 void Connect() {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&Connect), &info) == 0)
-    return;
-  std::string strHome(info.dli_fname);
-  for (int i = 0; i < 3; ++i)
-    strHome.resize(strHome.rfind('/'));
   sockaddr_un addr{};
   addr.sun_family = AF_UNIX;
-  std::strncpy(addr.sun_path, (strHome + "/run/bench.sock").c_str(), sizeof(addr.sun_path) - 1);
+  std::strncpy(addr.sun_path, (RunDir() + "bench.sock").c_str(), sizeof(addr.sun_path) - 1);
   g_addr = addr;  // the benchmark binds it later
   g_iSocket = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
 }
@@ -78,24 +61,4 @@ int Stop() {
 
 }  // namespace
 
-extern "C" {
-ZX_API int InitializePlugin() {
-  return 0;
-}
-ZX_API void UninitializePlugin() {}
-ZX_API void* CreateObject(const char* pszName) {
-  if (pszName == nullptr || std::strcmp(pszName, kGuid) != 0)
-    return nullptr;
-  return new (std::nothrow) CPluginObj{[](void*) { return 0; },
-                                       [] {},
-                                       Start,
-                                       Stop,
-                                       [] { return 2; },
-                                       [](void*) { return 0; },
-                                       [](void* pBus) { g_pBus = static_cast<IBusContext*>(pBus); },
-                                       [](void*) { return 0; }};
-}
-ZX_API void DestroyObject(const char*, void* pInterface) {
-  delete static_cast<CPluginObj*>(pInterface);
-}
-}
+ZX_BENCH_PLUGIN(kGuid, g_pBus, Start, Stop)

@@ -10,18 +10,14 @@
 #include <condition_variable>
 #include <cstdio>
 #include <cstring>
-#include <ctime>
 #include <fstream>
 #include <mutex>
-#include <new>
 #include <string>
 #include <thread>
 #include <utility>
 #include <vector>
 
-#include "platform/Api.h"
-#include "platform/bus/zxbus.h"
-#include "plugin/zxplugin.h"
+#include "BenchPlugin.h"
 
 namespace {
 
@@ -59,9 +55,7 @@ double CpuSeconds() {
 }
 
 double NowSeconds() {
-  timespec ts{};
-  clock_gettime(CLOCK_MONOTONIC, &ts);
-  return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+  return static_cast<double>(NowNs()) / 1e9;
 }
 
 // How many messages are under way and how they ended.
@@ -166,16 +160,6 @@ int Direct(PFNSendSync pfnSendSync, const std::string& strMid, int iMessages) {
   return iFailed;
 }
 
-std::string RunDir() {
-  Dl_info info{};
-  if (dladdr(reinterpret_cast<void*>(&RunDir), &info) == 0)
-    return std::string();
-  std::string strHome(info.dli_fname);
-  for (int i = 0; i < 3; ++i)
-    strHome.resize(strHome.rfind('/'));
-  return strHome + "/run/";
-}
-
 void Write(const std::string& strFile, const std::vector<_Figures>& relay,
            const std::vector<_Figures>& direct, int iMessages) {
   std::ofstream file(strFile + ".tmp");
@@ -236,24 +220,4 @@ int Stop() {
 
 }  // namespace
 
-extern "C" {
-ZX_API int InitializePlugin() {
-  return 0;
-}
-ZX_API void UninitializePlugin() {}
-ZX_API void* CreateObject(const char* pszName) {
-  if (pszName == nullptr || std::strcmp(pszName, kGuid) != 0)
-    return nullptr;
-  return new (std::nothrow) CPluginObj{[](void*) { return 0; },
-                                       [] {},
-                                       Start,
-                                       Stop,
-                                       [] { return 2; },
-                                       [](void*) { return 0; },
-                                       [](void* pBus) { g_pBus = static_cast<IBusContext*>(pBus); },
-                                       [](void*) { return 0; }};
-}
-ZX_API void DestroyObject(const char*, void* pInterface) {
-  delete static_cast<CPluginObj*>(pInterface);
-}
-}
+ZX_BENCH_PLUGIN(kGuid, g_pBus, Start, Stop)
