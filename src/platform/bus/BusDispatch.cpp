@@ -1,4 +1,6 @@
 // The dispatcher threads of an endpoint.
+#include <sched.h>
+
 #include <cinttypes>
 #include <cstdio>
 #include <exception>
@@ -6,6 +8,7 @@
 
 #include "platform/bus/BusClock.h"
 #include "platform/bus/BusEndpoint.h"
+#include "platform/bus/BusPause.h"
 #include "platform/log/Log.h"
 #include "platform/os/ZxThread.h"
 
@@ -95,9 +98,10 @@ void* CBusEndpoint::DispatcherEntry(void* pStart) {
 }
 
 void CBusEndpoint::Dispatch(size_t uSlot) {
+  CBusPause pause;
   for (;;) {
     _Work work;
-    if (!NextWork(uSlot, work))
+    if (!NextWork(uSlot, pause, work))
       break;
     Run(work);
   }
@@ -107,29 +111,44 @@ void CBusEndpoint::Dispatch(size_t uSlot) {
   pthread_cond_broadcast(&m_condState);
 }
 
-bool CBusEndpoint::NextWork(size_t uSlot, _Work& work) {
-  CCritLock lock(m_cs);
+bool CBusEndpoint::NextWork(size_t uSlot, CBusPause& pause, _Work& work) {
+  for (;;) {
+    {
+      CCritLock lock(m_cs);
+      const ENext eNext = TryNextWork(uSlot, pause, work);
+      if (eNext == ENext::Work || eNext == ENext::Leave)
+        return eNext == ENext::Work;
+      if (eNext == ENext::Again)
+        continue;
+    }
+    sched_yield();
+  }
+}
+
+CBusEndpoint::ENext CBusEndpoint::TryNextWork(size_t uSlot, CBusPause& pause, _Work& work) {
   if (m_slots[uSlot].bReceiving) {
     m_slots[uSlot].bReceiving = false;
     if (m_uStateWaiters > 0)
       pthread_cond_broadcast(&m_condState);
   }
-  for (;;) {
-    if (m_deadlines.EarliestNs() != CBusDeadlines::kNever &&
-        (m_queue.IsEmpty() || ++m_uiSinceClock >= kStepsPerClock))
-      QueueDue();
-    if (CBusItem* pItem = m_queue.Pop()) {
-      TakeWork(pItem, uSlot, work);
-      return true;
-    }
-    if (m_eState == EState::Leaving)
-      return false;
-    ++m_uIdle;
-    Wait(m_condWork, m_deadlines.EarliestNs());
-    --m_uIdle;
-    if (m_uWaking > 0)
-      --m_uWaking;
+  if (m_deadlines.EarliestNs() != CBusDeadlines::kNever &&
+      (m_queue.IsEmpty() || ++m_uiSinceClock >= kStepsPerClock))
+    QueueDue();
+  if (CBusItem* pItem = m_queue.Pop()) {
+    pause.CountStep();
+    TakeWork(pItem, uSlot, work);
+    return ENext::Work;
   }
+  if (m_eState == EState::Leaving)
+    return ENext::Leave;
+  if (pause.LetOthersRun(BusNowNs()))
+    return ENext::Yield;
+  ++m_uIdle;
+  Wait(m_condWork, m_deadlines.EarliestNs());
+  --m_uIdle;
+  if (m_uWaking > 0)
+    --m_uWaking;
+  return ENext::Again;
 }
 
 void CBusEndpoint::QueueDue() {

@@ -33,6 +33,7 @@ struct _BusLimits {
 };
 
 class CBusLink;
+class CBusPause;
 
 class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<CBusEndpoint> {
  public:
@@ -103,7 +104,9 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   bool StartDispatchers() TS_EXCLUDES(m_cs);
   bool StartDispatcher(size_t uSlot, const GUID& guid);
   void Dispatch(size_t uSlot) TS_EXCLUDES(m_cs);
-  bool NextWork(size_t uSlot, _Work& work) TS_EXCLUDES(m_cs);
+  bool NextWork(size_t uSlot, CBusPause& pause, _Work& work) TS_EXCLUDES(m_cs);
+  enum class ENext { Work, Leave, Yield, Again };
+  ENext TryNextWork(size_t uSlot, CBusPause& pause, _Work& work) TS_REQUIRES(m_cs);
   void TakeWork(CBusItem* pItem, size_t uSlot, _Work& work) TS_REQUIRES(m_cs);
   void QueueDue() TS_REQUIRES(m_cs);
   void End(CBusRef<CBusCall> call, uint32_t uiStatus) TS_REQUIRES(m_cs);

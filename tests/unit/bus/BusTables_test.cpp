@@ -6,6 +6,7 @@
 #include "platform/bus/BusBatons.h"
 #include "platform/bus/BusClock.h"
 #include "platform/bus/BusDeadlines.h"
+#include "platform/bus/BusPause.h"
 
 namespace {
 
@@ -105,6 +106,37 @@ TEST(BusBatons, Disown_ForgetsTheHandles_AndGivesEveryCallOnce) {
   while (batons.TakeDisowned())
     ++iTaken;
   EXPECT_EQ(iTaken, 2);
+}
+
+constexpr uint64_t kSomeNs = kBusNsPerSecond;
+
+bool WorkedOff(CBusPause& pause, uint32_t uiSteps, uint64_t u64NowNs) {
+  for (uint32_t i = 0; i < uiSteps; ++i)
+    pause.CountStep();
+  return pause.LetOthersRun(u64NowNs);
+}
+
+TEST(BusPause, LetsOthersRun_InAFlowOnly) {
+  CBusPause pause;
+  EXPECT_FALSE(WorkedOff(pause, 0, kSomeNs));
+  EXPECT_FALSE(WorkedOff(pause, 1, kSomeNs));
+  EXPECT_FALSE(WorkedOff(pause, 1, kSomeNs)) << "two singles are no flow";
+  EXPECT_TRUE(WorkedOff(pause, CBusPause::kFlowSteps, kSomeNs));
+  EXPECT_FALSE(WorkedOff(pause, 0, kSomeNs + CBusPause::kShortNs)) << "nothing came: sleep";
+  EXPECT_TRUE(WorkedOff(pause, CBusPause::kFlowSteps, kSomeNs + CBusPause::kShortNs))
+      << "a short time for nothing is no reason to stop";
+}
+
+TEST(BusPause, StopsForAWhile_WhenStrangersTookTheTime) {
+  CBusPause pause;
+  uint64_t u64NowNs = kSomeNs;
+  const uint64_t u64TookNs = 4 * kBusNsPerMs;
+  const auto uiWorth = static_cast<uint32_t>(u64TookNs / CBusPause::kWorthStepNs);
+  EXPECT_TRUE(WorkedOff(pause, 2, u64NowNs));
+  EXPECT_TRUE(WorkedOff(pause, uiWorth, u64NowNs += u64TookNs)) << "as many as that were worth it";
+  for (uint32_t i = 0; i < CBusPause::kSkipTimes; ++i)
+    EXPECT_FALSE(WorkedOff(pause, uiWorth - 1, u64NowNs += u64TookNs)) << i;
+  EXPECT_TRUE(WorkedOff(pause, 2, u64NowNs += u64TookNs)) << "then it is tried again";
 }
 
 }  // namespace
