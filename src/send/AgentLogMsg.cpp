@@ -131,6 +131,9 @@ void* CAgentLogMsg::LogThread(void* pLogData) {
     return nullptr;
   }
   ZxSetThreadName(CPString::Make("zxagentlog%02d", pSlot->iIndex + 1).c_str());
+  // Else each acknowledgement stops the link's thread, which has the next ones at hand. Worth nothing to
+  // report: where it is refused uploads only cost more.
+  (void)ZxSetThreadBatch();
   LogInfo("zxagent CAgentLogMsg::LogThread Begin iIndex[%d]", pSlot->iIndex);
   CAgentLogMsg* pOwner = pSlot->pOwner;
   if (pOwner == nullptr || pOwner->m_pSendMsg == nullptr) {

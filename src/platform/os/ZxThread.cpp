@@ -1,5 +1,6 @@
 #include "platform/os/ZxThread.h"
 
+#include <sched.h>
 #include <signal.h>
 
 #include <cerrno>
@@ -138,4 +139,13 @@ void ZxSetThreadName(const char* pszName) {
   char szName[16] = {};
   std::strncpy(szName, pszName, sizeof(szName) - 1);
   pthread_setname_np(pthread_self(), szName);
+}
+
+bool ZxSetThreadBatch() {
+  if (sched_getscheduler(0) != SCHED_OTHER) {
+    errno = EPERM;
+    return false;
+  }
+  const sched_param param{};
+  return sched_setscheduler(0, SCHED_BATCH, &param) == 0;
 }

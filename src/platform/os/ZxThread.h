@@ -43,3 +43,7 @@ inline constexpr size_t kZxThreadStackBytes = 512u << 10;
 
 // Names the calling thread (at most 15 characters).
 ZX_API void ZxSetThreadName(const char* pszName);
+
+// Marks the calling thread, and those it starts, as working in bulk: woken, it does not interrupt what runs
+// but waits for its turn. False (errno): the system does not allow it, or the thread has a policy of its own.
+ZX_API bool ZxSetThreadBatch();

@@ -1,6 +1,7 @@
 #include "platform/os/ZxThread.h"
 
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
@@ -8,6 +9,7 @@
 
 #include <atomic>
 #include <cerrno>
+#include <thread>
 
 #include "platform/os/ZxEvent.h"
 #include "platform/os/ZxGauges.h"
@@ -198,6 +200,24 @@ TEST(ZxThread_test, SetThreadName_CutsAt15Characters) {
   ASSERT_TRUE(done.Wait());
   EXPECT_STREQ(szName, "zxagentpollmsg0");
   EXPECT_TRUE(group.Wait(kTestDeadlineMs));
+}
+
+TEST(ZxThread_test, SetThreadBatch_KeepsToTheCallingThread) {
+  const int iOwnPolicy = sched_getscheduler(0);
+  if (iOwnPolicy != SCHED_OTHER)
+    GTEST_SKIP() << "the tests run under a policy of their own";
+  bool bFirst = false;
+  bool bSecond = true;
+  int iPolicy = -1;
+  std::thread([&] {
+    bFirst = ZxSetThreadBatch();
+    iPolicy = sched_getscheduler(0);
+    bSecond = ZxSetThreadBatch();
+  }).join();
+  EXPECT_TRUE(bFirst);
+  EXPECT_EQ(iPolicy, SCHED_BATCH);
+  EXPECT_FALSE(bSecond);
+  EXPECT_EQ(sched_getscheduler(0), iOwnPolicy);
 }
 
 }  // namespace
