@@ -1,6 +1,6 @@
 #include "LogTrace.h"
 
-#include <dirent.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <time.h>
 #include <unistd.h>
@@ -12,6 +12,7 @@
 #include <memory>
 #include <set>
 
+#include "HomeLogs.h"
 #include "Table.h"
 
 namespace zxctl {
@@ -157,13 +158,18 @@ std::vector<_LogRecord> SelectCommand(const std::vector<_LogRecord>& listRecords
 
 namespace {
 
-bool ReadTail(const std::string& strFile, std::string& strData) {
-  const std::unique_ptr<FILE, int (*)(FILE*)> pFile(std::fopen(strFile.c_str(), "re"), &std::fclose);
-  struct stat st {};
-  if (pFile == nullptr || fstat(fileno(pFile.get()), &st) != 0)
+bool ReadTail(const std::string& strFile, bool bFollow, std::string& strData) {
+  const int fd =
+      open(strFile.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY | (bFollow ? 0 : O_NOFOLLOW));
+  if (fd < 0)
     return false;
+  const std::unique_ptr<FILE, int (*)(FILE*)> pFile(fdopen(fd, "r"), &std::fclose);
+  struct stat st {};
+  if (pFile == nullptr || fstat(fd, &st) != 0)
+    return false;
+  errno = EINVAL;
   const int64_t i64From = std::max<int64_t>(0, st.st_size - kTailBytes);
-  if (fseeko(pFile.get(), i64From, SEEK_SET) != 0)
+  if (!S_ISREG(st.st_mode) || fseeko(pFile.get(), i64From, SEEK_SET) != 0)
     return false;
   strData.resize(static_cast<size_t>(st.st_size - i64From));
   strData.resize(std::fread(strData.data(), 1, strData.size(), pFile.get()));
@@ -173,26 +179,22 @@ bool ReadTail(const std::string& strFile, std::string& strData) {
 }  // namespace
 
 bool ReadHomeLogs(const std::string& strHome, std::vector<_LogRecord>& listRecords, std::string& strError) {
-  const std::string strDir = strHome + "/log/";
-  const std::unique_ptr<DIR, int (*)(DIR*)> pDir(opendir(strDir.c_str()), &closedir);
-  if (pDir == nullptr) {
-    strError = strDir + ": " + ErrnoText(errno);
+  if (LogFolders(strHome).empty()) {
+    strError = strHome + "/log/: " + ErrnoText(errno);
     return false;
   }
-  std::vector<std::string> listNames;
-  while (const dirent* pEntry = readdir(pDir.get())) {  // NOLINT(concurrency-mt-unsafe): one thread
-    const std::string strName = pEntry->d_name;
-    if (strName.size() > 4 && strName.compare(strName.size() - 4, 4, ".log") == 0)
-      listNames.push_back(strName);
-  }
-  std::sort(listNames.begin(), listNames.end());
-  for (const std::string& strName : listNames) {
+  for (const std::string& strName : LogFiles(strHome)) {
     std::string strData;
-    if (!ReadTail(strDir + strName, strData)) {
-      strError = strDir + strName + ": " + ErrnoText(errno);
+    const bool bOwnFolder = IsOwnLogFolder(strName);
+    if (!strName.ends_with(".log"))
+      continue;
+    if (!ReadTail(strHome + "/" + strName, !bOwnFolder, strData)) {
+      if (bOwnFolder)  // what a component puts there does not hide the others
+        continue;
+      strError = strHome + "/" + strName + ": " + ErrnoText(errno);
       return false;
     }
-    for (_LogRecord& record : SplitLog(strName.substr(0, strName.find('.')), strData))
+    for (_LogRecord& record : SplitLog(LogChannel(strName), strData))
       listRecords.push_back(std::move(record));
   }
   return true;

@@ -27,7 +27,8 @@ std::string FieldOf(std::string_view svText, std::string_view svName);
 
 // The records about one command, oldest first.
 std::vector<_LogRecord> SelectCommand(const std::vector<_LogRecord>& listRecords, const std::string& strID);
-// The logs of a home: the last 16 MiB of every log/*.log. False: strError says what cannot be read.
+// The logs of a home: the last 16 MiB of every *.log in its folders (HomeLogs.h). False: strError says what
+// cannot be read.
 bool ReadHomeLogs(const std::string& strHome, std::vector<_LogRecord>& listRecords, std::string& strError);
 
 struct _Hop {

@@ -21,6 +21,7 @@ from machine import HOME, USERS, Machine, build_package, has_tools, run   # noqa
 from units import Service   # noqa: E402
 
 COMPONENTS = ("zxtaskmgr", "zxlogcache", "zxsample")
+LOGS = {"zxtaskmgr": "zxtaskmgr", "zxlogcache": "zxlogforward", "zxsample": "zxsample"}
 SECONDS = 40
 NAMESPACES = ["unshare", "--mount", "--propagation", "private", "--pid", "--fork", "--kill-child", "--mount-proc"]
 
@@ -108,6 +109,11 @@ def check(root, folder):
     areas = ("files", "modes", "documents", "components")
     need([finding for finding in found if finding["kind"] != "ok" and finding["area"] in areas] == [],
          "zxctl doctor has nothing to say about " + ", ".join(areas))
+    archive = f"{folder}/bundle.tar.gz"
+    need(zxctl("bundle", archive)[0] == 0, "zxctl makes a bundle")
+    names = run("tar", "-tzf", archive).split()
+    wanted = {f"zxagent/log/{name}/{channel}.log" for name, channel in LOGS.items()} | {"zxagent/log/zxhost.log"}
+    need(wanted <= set(names), "the bundle has the logs of host and components")
     for service in [*components, host]:
         need(service.stop(90) == 0, f"{service.name} ends as told")
 

@@ -147,6 +147,19 @@ TEST_F(Follower, RotationAndTruncation) {
   EXPECT_THAT(Texts(follower), ElementsAre("n"));
 }
 
+TEST_F(Follower, AComponentsFolder_AlsoOneThatComesLater) {
+  m_home.MakeDir("log/one");
+  CLogFollower follower(m_home.Root().Str());
+  ASSERT_TRUE(follower.Open());
+  Append(Line(2, "first").c_str(), "log/one/one.log");
+  EXPECT_THAT(Texts(follower), ElementsAre("first"));
+  m_home.MakeDir("two");
+  ASSERT_EQ(symlink("../two", m_home.Path("log/two").c_str()), 0);
+  EXPECT_THAT(Texts(follower), ElementsAre());
+  Append(Line(3, "second").c_str(), "two/two.log");
+  EXPECT_THAT(Texts(follower), ElementsAre("second"));
+}
+
 TEST_F(Follower, NoLogDirectory) {
   m_home.Remove("log");
   CLogFollower follower(m_home.Root().Str());

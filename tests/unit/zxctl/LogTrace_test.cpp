@@ -1,6 +1,8 @@
 #include "zxctl/LogTrace.h"
 
 #include <gmock/gmock.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 #include "support/TempHome.h"
 #include "zxctl/Table.h"
@@ -101,6 +103,25 @@ TEST(LogTrace, ReadHomeLogs_TakesEveryChannel_NamesAMissingDirectory) {
   ASSERT_EQ(list.size(), 2u);
   EXPECT_EQ(list[0].strChannel, "a");
   EXPECT_EQ(list[1].strChannel, "b");
+}
+
+// A component that runs as a user of its own has a folder of its own, where it may put whatever it likes.
+TEST(LogTrace, ReadHomeLogs_TakesFoldersOfComponents_AndFollowsNoLinkThere) {
+  CTempHome home;
+  home.WriteFile("log/a.log", "2026-11-20 21:04:39.123 +0000 [2] [1:2] x\n");
+  home.WriteFile("elsewhere/b.log", "2026-11-20 21:04:39.123 +0000 [2] [1:2] y\n");
+  home.WriteFile("secret", "2026-11-20 21:04:39.123 +0000 [2] [1:2] z\n");
+  ASSERT_EQ(symlink("../elsewhere", home.Path("log/b").c_str()), 0);
+  ASSERT_EQ(symlink("../secret", home.Path("elsewhere/c.log").c_str()), 0);
+  ASSERT_EQ(mkfifo(home.Path("elsewhere/d.log").c_str(), 0600), 0);
+  ASSERT_EQ(symlink("nowhere", home.Path("log/gone").c_str()), 0);
+  std::vector<_LogRecord> list;
+  std::string strError;
+  ASSERT_TRUE(ReadHomeLogs(home.Root().Str(), list, strError)) << strError;
+  ASSERT_EQ(list.size(), 2u);
+  EXPECT_EQ(list[0].strChannel, "a");
+  EXPECT_EQ(list[1].strChannel, "b");
+  EXPECT_EQ(list[1].strText, "y");
 }
 
 TEST(LogTrace, SortHops_OrdersAMillisecondByTheCommandsWay) {

@@ -17,6 +17,7 @@
 
 #include "zxctl/Answers.h"
 #include "zxctl/Commands.h"
+#include "zxctl/HomeLogs.h"
 #include "zxctl/Table.h"
 #include "zxctl/local/Doctor.h"
 #include "zxctl/local/Home.h"
@@ -108,15 +109,11 @@ void PutDir(CStage& stage, const std::string& strHome, const std::string& strDir
 }
 
 void PutLogs(CStage& stage, const std::string& strHome, std::string& strIndex) {
-  std::vector<std::string> listNames;
-  if (!ListDir(strHome + "log", kMaxFiles, listNames)) {
+  const std::vector<std::string> listNames = LogFiles(strHome);
+  if (listNames.empty())
     strIndex += std::string("log/: ") + ErrnoText(errno) + "\n";
-    return;
-  }
-  for (const std::string& strName : listNames) {
-    if (strName.find(".log") != std::string::npos)
-      PutFile(stage, strHome, "log/" + strName, kLogTail, true, strIndex);
-  }
+  for (const std::string& strName : listNames)
+    PutFile(stage, strHome, strName, kLogTail, true, strIndex);
 }
 
 std::string MachineText() {

@@ -8,18 +8,17 @@
 #include <algorithm>
 #include <utility>
 
-#include "zxctl/local/Home.h"
+#include "zxctl/HomeLogs.h"
 
 namespace zxctl {
 
 namespace {
 
-constexpr size_t kMaxLogs = 100;
 constexpr size_t kMaxPart = 4u << 20;  // of one log at once; what is older is skipped
 
 }  // namespace
 
-CLogFollower::CLogFollower(std::string strHome) : m_strDir(std::move(strHome) + "log/") {}
+CLogFollower::CLogFollower(std::string strHome) : m_strHome(std::move(strHome)) {}
 
 CLogFollower::~CLogFollower() {
   if (m_fdNotify >= 0)
@@ -28,23 +27,30 @@ CLogFollower::~CLogFollower() {
 
 bool CLogFollower::Open() {
   m_fdNotify = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-  if (m_fdNotify < 0 ||
-      inotify_add_watch(m_fdNotify, m_strDir.c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO) < 0)
+  if (m_fdNotify < 0 || !Watch())
     return false;
   std::vector<_LogRecord> listIgnored;
-  std::vector<std::string> listNames;
-  if (!ListDir(m_strDir, kMaxLogs, listNames))
-    return false;
-  for (const std::string& strName : listNames)
+  for (const std::string& strName : LogFiles(m_strHome))
     ReadLog(strName, true, listIgnored);
   return true;
 }
 
+// Also what is watched already. False with errno set: not log/ itself.
+bool CLogFollower::Watch() const {
+  const std::vector<std::string> listFolders = LogFolders(m_strHome);
+  for (const std::string& strFolder : listFolders) {
+    if (inotify_add_watch(m_fdNotify, (m_strHome + strFolder).c_str(), IN_MODIFY | IN_CREATE | IN_MOVED_TO) <
+            0 &&
+        strFolder == listFolders.front())
+      return false;
+  }
+  return !listFolders.empty();
+}
+
 void CLogFollower::ReadLog(const std::string& strName, bool bSkip, std::vector<_LogRecord>& listRecords) {
-  constexpr std::string_view kEnd = ".log";
-  if (strName.size() <= kEnd.size() || strName.compare(strName.size() - kEnd.size(), kEnd.size(), kEnd) != 0)
+  if (!strName.ends_with(".log"))
     return;
-  const int fd = open((m_strDir + strName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
+  const int fd = open((m_strHome + strName).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK);
   struct stat st {};
   if (fd < 0)
     return;
@@ -66,8 +72,7 @@ void CLogFollower::ReadLog(const std::string& strName, bool bSkip, std::vector<_
     if (place.strRest.size() > kMaxPart)
       place.strRest.clear();
     if (uLine != std::string::npos) {
-      for (_LogRecord& record :
-           SplitLog(strName.substr(0, strName.find('.')), std::string_view(strData).substr(0, uLine + 1)))
+      for (_LogRecord& record : SplitLog(LogChannel(strName), std::string_view(strData).substr(0, uLine + 1)))
         listRecords.push_back(std::move(record));
     }
   }
@@ -79,11 +84,9 @@ std::vector<_LogRecord> CLogFollower::Read() {
   while (read(m_fdNotify, szEvents, sizeof(szEvents)) > 0) {
   }
   std::vector<_LogRecord> listRecords;
-  std::vector<std::string> listNames;
-  if (ListDir(m_strDir, kMaxLogs, listNames)) {
-    for (const std::string& strName : listNames)
-      ReadLog(strName, false, listRecords);
-  }
+  (void)Watch();  // a component may have come
+  for (const std::string& strName : LogFiles(m_strHome))
+    ReadLog(strName, false, listRecords);
   std::stable_sort(listRecords.begin(), listRecords.end(),
                    [](const _LogRecord& a, const _LogRecord& b) { return a.i64AtMs < b.i64AtMs; });
   return listRecords;

@@ -31,7 +31,9 @@ class CLogFollower {
   };
   void ReadLog(const std::string& strName, bool bSkip, std::vector<_LogRecord>& listRecords);
 
-  const std::string m_strDir;
+  bool Watch() const;
+
+  const std::string m_strHome;
   int m_fdNotify = -1;
   std::map<std::string, _Place> m_places;
 };
