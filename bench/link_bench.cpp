@@ -1,6 +1,7 @@
 // The cloud link against clients that do nothing but MQTT, over TLS to a real broker with a consumer behind
 // it: blocking senders, push latency (alone and under uploads), and what an idle connection costs.
 //   link_bench                the comparison
+//   link_bench --busy         the same without the idle connections
 //   link_bench --idle ROLE .. a process that only connects ("none", "bare", "link"); started by the
 //   comparison
 #include <mosquitto.h>
@@ -336,7 +337,8 @@ int main(int argc, char** argv) {
   home.WriteFile("etc/zxagent/inner/zxagent.json", R"({"tconf":{"tconf_url":")" + https.Address() +
                                                        R"("},"zxcloudconf":{"ca_file":")" + ca.File() +
                                                        "\"}}");
-  Idle(argv[0], std::to_string(broker.TlsPort()), ca.File(), strConfig);
+  if (argc < 2 || std::strcmp(argv[1], "--busy") != 0)
+    Idle(argv[0], std::to_string(broker.TlsPort()), ca.File(), strConfig);
 
   OpenLink(strConfig);
   CBareClient bare("bare", broker.TlsPort(), ca.File(), kBarePush, [](std::string_view) { Pushed(); });
