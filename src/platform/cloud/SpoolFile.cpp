@@ -81,6 +81,7 @@ ESpoolResult CSpoolFile::OpenChecked(bool bFull, TFound& listFound) {
   options.bSpill = false;
   options.iCacheKb = kCacheKb;
   options.iCheckpointPages = kCheckpointPages;
+  options.bOwnCheckpoint = true;
   if (!m_db.Open(m_strFile, options))
     return Fail("open");
   if (chmod(m_strFile.c_str(), 0600) != 0 && access(m_strFile.c_str(), W_OK) != 0) {
@@ -246,6 +247,7 @@ ESpoolResult CSpoolFile::Write(const std::vector<_SpoolInsert>& listInserts,
     u64Newest = std::max(u64Newest, one.row.u64Row);
   uint64_t u64Deleted = 0;
   int64_t i64Oldest = 0;
+  Settle();
   if ((!listInserts.empty() && !MakeRoom(listInserts)) || !m_db.Query("BEGIN IMMEDIATE").Run())
     return Undo("begin");
   if (!Insert(listInserts) || !Delete(listDeletes, u64Deleted) ||
@@ -266,6 +268,13 @@ ESpoolResult CSpoolFile::Write(const std::vector<_SpoolInsert>& listInserts,
 ESpoolResult CSpoolFile::Commit(const std::vector<_SpoolInsert>& listInserts,
                                 std::vector<uint64_t> listDeletes) {
   return Write(listInserts, listDeletes);
+}
+
+// One that fails leaves everything in the log, where it is as safe; the next commit tells that the log is
+// long.
+void CSpoolFile::Settle() {
+  if (m_db.LogPages() >= kCheckpointPages)
+    m_db.Checkpoint();
 }
 
 // Nothing of a failed transaction may stay in the log where it could be taken for one: the log begins anew.

@@ -45,6 +45,9 @@ class CSpoolFile {
 
   // One synced transaction: all of it or nothing.
   ESpoolResult Commit(const std::vector<_SpoolInsert>& listInserts, std::vector<uint64_t> listDeletes);
+  // Moves a log that has become long into the database. The next commit does it when nobody has; it is apart
+  // so that nobody waits for it whose record is on disk.
+  void Settle();
   // Null with Ok: the row is not there, or its checksum is wrong.
   ESpoolResult Read(uint64_t u64Row, TOutItem& pItem);
   // Returns unused pages to the disk and memory to the process.

@@ -114,13 +114,30 @@ bool CSqlite::Open(const std::string& strFile, const _SqliteOptions& options) {
     return Exec((std::string("PRAGMA ") + pszPragma + "=" + std::to_string(iValue)).c_str());
   };
   // How the file is laid out counts before its first page is written.
-  return (!options.bGiveBack || Exec("PRAGMA auto_vacuum=INCREMENTAL")) &&
-         (!options.bExclusive || Exec("PRAGMA locking_mode=EXCLUSIVE")) && Exec("PRAGMA journal_mode=WAL") &&
-         Exec(options.bFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") &&
-         Exec("PRAGMA foreign_keys=ON") && Number("journal_size_limit", options.bKeepWal ? -1 : 16777216) &&
-         (options.bErase || Exec("PRAGMA secure_delete=OFF")) &&
-         (options.bSpill || Exec("PRAGMA cache_spill=OFF")) && Number("cache_size", -options.iCacheKb) &&
-         Number("wal_autocheckpoint", options.iCheckpointPages);
+  const bool bOpen =
+      (!options.bGiveBack || Exec("PRAGMA auto_vacuum=INCREMENTAL")) &&
+      (!options.bExclusive || Exec("PRAGMA locking_mode=EXCLUSIVE")) && Exec("PRAGMA journal_mode=WAL") &&
+      Exec(options.bFull ? "PRAGMA synchronous=FULL" : "PRAGMA synchronous=NORMAL") &&
+      Exec("PRAGMA foreign_keys=ON") && Number("journal_size_limit", options.bKeepWal ? -1 : 16777216) &&
+      (options.bErase || Exec("PRAGMA secure_delete=OFF")) &&
+      (options.bSpill || Exec("PRAGMA cache_spill=OFF")) && Number("cache_size", -options.iCacheKb) &&
+      Number("wal_autocheckpoint", options.iCheckpointPages);
+  m_iLogPages = 0;
+  // Takes the place of the engine's own hook, which would move the log before the commit returns.
+  if (bOpen && options.bOwnCheckpoint)
+    sqlite3_wal_hook(
+        m_pDb,
+        [](void* pThis, sqlite3*, const char*, int iPages) {
+          static_cast<CSqlite*>(pThis)->m_iLogPages = iPages;
+          return SQLITE_OK;
+        },
+        this);
+  return bOpen;
+}
+
+bool CSqlite::Checkpoint() {
+  m_iLogPages = 0;
+  return sqlite3_wal_checkpoint_v2(m_pDb, nullptr, SQLITE_CHECKPOINT_PASSIVE, nullptr, nullptr) == SQLITE_OK;
 }
 
 void CSqlite::Close(bool bKeepLog) {
@@ -131,6 +148,10 @@ void CSqlite::Close(bool bKeepLog) {
   m_mapStatements.clear();
   sqlite3_close(m_pDb);
   m_pDb = nullptr;
+  // Only now, as this drops the locks of this process on the file.
+  if (m_fdGrow >= 0)
+    close(m_fdGrow);
+  m_fdGrow = -1;
 }
 
 bool CSqlite::Exec(const char* pszSql) {
@@ -165,9 +186,23 @@ bool CSqlite::InTransaction() const {
   return m_pDb != nullptr && sqlite3_get_autocommit(m_pDb) == 0;
 }
 
+// Whole blocks at once; the engine writes a byte into each of them. What cannot be done here is left to it.
+bool CSqlite::Allocate(int64_t i64Bytes, int iChunkBytes) {
+  const char* pszFile = sqlite3_db_filename(m_pDb, "main");
+  if (m_fdGrow < 0 && pszFile != nullptr)
+    m_fdGrow = open(pszFile, O_RDWR | O_CLOEXEC | O_NOFOLLOW);
+  struct stat info {};
+  if (m_fdGrow < 0 || fstat(m_fdGrow, &info) != 0 || info.st_size >= i64Bytes)
+    return true;
+  const int64_t i64End = (i64Bytes + iChunkBytes - 1) / iChunkBytes * iChunkBytes;
+  return fallocate(m_fdGrow, 0, info.st_size, i64End - info.st_size) == 0 ||
+         (errno != ENOSPC && errno != EDQUOT);
+}
+
 bool CSqlite::GrowTo(int64_t i64Bytes, int iChunkBytes) {
   sqlite3_int64 i64Size = i64Bytes;
-  m_bNoRoom = sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_CHUNK_SIZE, &iChunkBytes) != SQLITE_OK ||
+  m_bNoRoom = !Allocate(i64Bytes, iChunkBytes) ||
+              sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_CHUNK_SIZE, &iChunkBytes) != SQLITE_OK ||
               sqlite3_file_control(m_pDb, "main", SQLITE_FCNTL_SIZE_HINT, &i64Size) != SQLITE_OK;
   return !m_bNoRoom;
 }

@@ -33,6 +33,8 @@ struct _SqliteOptions {
   bool bSpill = true;       // a transaction larger than the cache may reach the file before its commit
   int iCacheKb = 2000;
   int iCheckpointPages = 1000;
+  // Commits leave the log as it is; the owner calls Checkpoint when LogPages has reached iCheckpointPages.
+  bool bOwnCheckpoint = false;
 };
 
 // A borrowed prepared statement; reset when this object goes away. Bound texts are copied, unless the name
@@ -81,8 +83,10 @@ class CSqlite {
   int64_t TotalChanges() const;
   int64_t LastRowId() const;
   bool InTransaction() const;
+  int LogPages() const { return m_iLogPages; }  // with bOwnCheckpoint: in the log, as of the last commit
+  bool Checkpoint();                            // moves the log into the database
   // Makes the file at least this large now, in steps of the chunk, so that a later write finds its room. A
-  // failure counts as a full disk: the system refuses the blocks.
+  // failure counts as a full disk: the system refuses the blocks. Opens the file once more, until Close.
   bool GrowTo(int64_t i64Bytes, int iChunkBytes);
   void ReleaseMemory();  // the page cache
   const char* Error() const;
@@ -96,7 +100,11 @@ class CSqlite {
     size_t operator()(std::string_view sv) const { return std::hash<std::string_view>()(sv); }
   };
 
+  bool Allocate(int64_t i64Bytes, int iChunkBytes);
+
   sqlite3* m_pDb = nullptr;
+  int m_iLogPages = 0;
+  int m_fdGrow = -1;
   int m_iOpenErrno = 0;
   bool m_bNoRoom = false;  // what failed last was GrowTo
   std::unordered_map<std::string, sqlite3_stmt*, CHash, std::equal_to<>> m_mapStatements;
