@@ -1,10 +1,7 @@
 #include "platform/cloud/Spool.h"
 
-#include <semaphore.h>
-#include <time.h>
-
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
 #include <exception>
 #include <utility>
 
@@ -18,32 +15,12 @@ constexpr size_t kReservePart = 16;  // one part in this many of the bound is fo
 constexpr size_t kBatchRecords = 1024;
 constexpr size_t kBatchBytes = 8u << 20;
 constexpr size_t kPortion = 64;  // deletes of one commit on a full disk
+// Senders are waited for as long as the last commit took, within these bounds.
 constexpr uint64_t kGatherUs = 200;
-constexpr size_t kGatherFrom = 4;  // a batch this large shows that many send at once
+constexpr uint64_t kGatherMaxUs = 5000;
 constexpr uint64_t kSweepMs = 3600000;
 
-uint64_t NowUs() {
-  timespec now{};
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
-}
-
 }  // namespace
-
-// One waiting sender. Shared, as a cancelled sender goes at once.
-struct CSpool::_Request {
-  _Request() { sem_init(&done, 0, 0); }
-  ~_Request() { sem_destroy(&done); }
-  _Request(const _Request&) = delete;
-  _Request& operator=(const _Request&) = delete;
-
-  std::shared_ptr<_OutItem> pItem;
-  _SpoolEntry entry;
-  int64_t i64Sum = 0;
-  std::atomic<bool> bCancelled{false};
-  uint32_t uiResult = 0;  // set before done is posted
-  sem_t done;
-};
 
 std::string CSpool::_State::Text() const {
   return std::string(":spool=") + pszMode + ":spoolsync=" + pszSync +
@@ -63,16 +40,7 @@ CSpool::CSpool(_Ports ports, _SpoolSettings settings, const _SpoolTimes& times)
       m_quietFull(times.dwQuietLog),
       m_quietDisk(times.dwQuietLog),
       m_quietDamage(times.dwQuietLog) {
-  pthread_condattr_t attr;
-  pthread_condattr_init(&attr);
-  pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
-  pthread_cond_init(&m_cond, &attr);
-  pthread_condattr_destroy(&attr);
   m_due.u64Open = 1;
-}
-
-CSpool::~CSpool() {
-  pthread_cond_destroy(&m_cond);
 }
 
 // A clock of its own: that of the machine at the start, then monotonic, so that a step of the machine's clock
@@ -117,74 +85,20 @@ uint32_t CSpool::Append(std::string_view svBody, int iPriority) {
       WantDeletes();  // wakes the spool's thread, which logs
     return kZxcloudErrFull;
   }
-  {
-    CCritLock lock(m_cs);
-    if (m_bStop) {
-      m_uBytes.fetch_sub(pRequest->entry.Cost());
-      return kZxcloudErrState;
-    }
-    m_queue.push_back(pRequest);
-    if (m_queue.size() >= m_uWakeAt) {
-      m_uWakeAt = SIZE_MAX;
-      pthread_cond_signal(&m_cond);
-    }
-  }
-  return Wait(pRequest);
-}
-
-uint32_t CSpool::Wait(const TRequest& pRequest) {
-  // A sender that is cancelled takes its record along when it has not been written yet.
-  struct CGiveUp {
-    _Request& request;
-    bool bArmed = true;
-    ~CGiveUp() {
-      if (bArmed)
-        request.bCancelled.store(true);
-    }
-  };
-  CGiveUp giveUp{*pRequest};
-  while (sem_wait(&pRequest->done) != 0 && errno == EINTR) {
-  }
-  giveUp.bArmed = false;
-  return pRequest->uiResult;
-}
-
-void CSpool::Finish(const TRequest& pRequest, uint32_t uiResult) {
-  pRequest->uiResult = uiResult;
-  if (uiResult != 0)
+  if (!m_requests.Push(pRequest)) {
     m_uBytes.fetch_sub(pRequest->entry.Cost());
-  sem_post(&pRequest->done);
-}
-
-void CSpool::WantBodies() {
-  CCritLock lock(m_cs);
-  if (std::exchange(m_bWantBodies, true))
-    return;
-  pthread_cond_signal(&m_cond);
-}
-
-void CSpool::WantDeletes() {
-  CCritLock lock(m_cs);
-  if (std::exchange(m_bWantDeletes, true))
-    return;
-  pthread_cond_signal(&m_cond);
-}
-
-void CSpool::Stop() {
-  CCritLock lock(m_cs);
-  m_bStop = true;
-  pthread_cond_signal(&m_cond);
+    return kZxcloudErrState;
+  }
+  return CSpoolRequests::Wait(pRequest);
 }
 
 void CSpool::Abandon() {
-  std::deque<TRequest> queue;
-  {
-    CCritLock lock(m_cs);
-    m_bStop = true;
-    queue.swap(m_queue);
-  }
-  for (const TRequest& pRequest : queue)
-    Finish(pRequest, kZxcloudErrState);
+  m_requests.Stop();
+  std::vector<TRequest> listLate;
+  m_requests.Take(listLate, SIZE_MAX, SIZE_MAX);
+  for (const TRequest& pRequest : listLate)
+    m_uBytes.fetch_sub(pRequest->entry.Cost());
+  m_requests.Answer(listLate, kZxcloudErrState);
 }
 
 CSpool::_State CSpool::State() {
@@ -219,63 +133,23 @@ void CSpool::Run() {
 }
 
 bool CSpool::RunOnce(int iMaxWaitMs) {
-  bool bStop = false;
-  {
-    CCritLock lock(m_cs);
-    bStop = m_bStop;
-    m_bLoad |= std::exchange(m_bWantBodies, false);
-    if (std::exchange(m_bWantDeletes, false) && m_due.u64Delete == 0)
-      m_due.u64Delete = m_ports.clock.NowMs() + m_times.dwDelete;
-  }
-  Gather();
-  TakeRequests();
+  const CSpoolRequests::_Wishes wishes = m_requests.TakeWishes();
+  m_bLoad |= wishes.bBodies;
+  if (wishes.bDeletes && m_due.u64Delete == 0)
+    m_due.u64Delete = m_ports.clock.NowMs() + m_times.dwDelete;
+  m_requests.Gather(std::clamp(m_u64CommitUs, kGatherUs, kGatherMaxUs));
+  m_requests.Take(m_listBatch, kBatchRecords, kBatchBytes);
   Work();
-  if (!bStop) {
+  if (!wishes.bStop) {
     Sleep(iMaxWaitMs);
     return true;
   }
   // Only what was there before the stop is left, and it is written.
-  {
-    CCritLock lock(m_cs);
-    if (!m_queue.empty())
-      return true;
-  }
+  if (!m_requests.Empty())
+    return true;
   CommitBatch();
   m_file.Close();
   return false;
-}
-
-void CSpool::TakeRequests() {
-  size_t uBytes = 0;
-  CCritLock lock(m_cs);
-  while (!m_queue.empty() && m_listBatch.size() < kBatchRecords && uBytes < kBatchBytes) {
-    uBytes += m_queue.front()->entry.uBytes;
-    m_listBatch.push_back(std::move(m_queue.front()));
-    m_queue.pop_front();
-  }
-}
-
-// Those who were just answered send again in a moment: waiting for them makes fewer and larger commits.
-void CSpool::Gather() {
-  if (m_uLastBatch < kGatherFrom)
-    return;
-  CCritLock lock(m_cs);
-  if (!m_queue.empty() && m_queue.size() < m_uLastBatch && !m_bStop)
-    SleepUntil(NowUs() + kGatherUs, m_uLastBatch);
-}
-
-void CSpool::SleepUntil(uint64_t u64Us, size_t uWakeAt) {
-  timespec deadline{};
-  deadline.tv_sec = static_cast<time_t>(u64Us / 1000000);
-  deadline.tv_nsec = static_cast<long>(u64Us % 1000000) * 1000;
-  m_uWakeAt = uWakeAt;
-  while (m_queue.size() < uWakeAt && !m_bStop && !m_bWantBodies && !m_bWantDeletes) {
-    const int iError = u64Us == 0 ? pthread_cond_wait(&m_cond, m_cs.Native())
-                                  : pthread_cond_timedwait(&m_cond, m_cs.Native(), &deadline);
-    if (iError == ETIMEDOUT)
-      break;
-  }
-  m_uWakeAt = SIZE_MAX;
 }
 
 uint64_t CSpool::NextDue() const {
@@ -295,110 +169,14 @@ void CSpool::Sleep(int iMaxWaitMs) {
     u64Wait = std::min(u64Wait, static_cast<uint64_t>(iMaxWaitMs));
   if (u64Wait == 0 || m_bLoad)
     return;
-  CCritLock lock(m_cs);
-  SleepUntil(u64Wait == UINT64_MAX ? 0 : NowUs() + u64Wait * 1000, 1);
-}
-
-// The file.
-
-void CSpool::EnsureOpen() {
-  if (m_file.IsOpen())
-    return;
-  const uint64_t u64Now = m_ports.clock.NowMs();
-  const bool bAsked = !m_listBatch.empty() && u64Now - m_u64LastOpen >= m_times.dwReopenFirst;
-  if (u64Now < m_due.u64Open && !bAsked)
-    return;
-  m_u64LastOpen = u64Now;
-  m_due.u64Open = 0;
-  const ESpoolResult eResult = OpenOrSalvage();
-  if (eResult != ESpoolResult::Ok)
-    Unusable(eResult);
-}
-
-ESpoolResult CSpool::OpenOrSalvage() {
-  FinishSalvage(m_settings.strFile, m_ports.wall.NowSec());
-  CSpoolFile::TFound listFound;
-  ESpoolResult eResult = m_file.Open(m_settings.bFull, listFound);
-  if (eResult == ESpoolResult::Damaged) {
-    eResult = Salvage();
-    if (eResult == ESpoolResult::Ok)
-      eResult = m_file.Open(m_settings.bFull, listFound);
-  }
-  if (eResult == ESpoolResult::Ok)
-    Opened(listFound);
-  return eResult;
-}
-
-// The file is closed. Afterwards it is to be opened again.
-ESpoolResult CSpool::Salvage() {
-  const std::string strWhy = m_file.Reason();
-  const auto Report = [&](const _Salvage& salvage) {
-    m_ports.outbox.RowsUpTo(salvage.u64NewestRow);
-    return _SalvageReport{
-        m_ports.outbox.NextRow(), kDamageReportPriority, static_cast<uint32_t>(NowSec()), m_ports.fnId(),
-        "{\"zxcloud\":\"spool_damaged\",\"time\":" + std::to_string(m_ports.wall.NowSec()) + ",\"file\":\"" +
-            salvage.strAside + "\",\"saved\":" + std::to_string(salvage.u64Saved) +
-            ",\"lost\":" + std::to_string(salvage.u64Lost) + "}"};
-  };
-  _Salvage salvage;
-  std::string strReason;
-  if (!SalvageSpool(m_settings.strFile, m_ports.wall.NowSec(), Report, salvage, strReason)) {
-    if (m_quietDamage.Due(m_ports.clock.NowMs()))
-      m_ports.log.LogError("**zxcloud spool damaged and not set aside file[%s] why[%s] reason[%s]",
-                           m_settings.strFile, strWhy, strReason);
-    return ESpoolResult::Failed;
-  }
-  m_u64Damaged.fetch_add(salvage.u64Lost);
-  m_ports.log.LogError("**zxcloud spool damaged, set aside file[%s] as[%s] why[%s] saved[%llu] lost[%llu]",
-                       m_settings.strFile, salvage.strAside, strWhy, salvage.u64Saved, salvage.u64Lost);
-  return ESpoolResult::Ok;
-}
-
-void CSpool::Opened(const CSpoolFile::TFound& listFound) {
-  uint32_t uNewestCreated = 0;
-  for (const auto& [iQueue, entry] : listFound)
-    uNewestCreated = std::max(uNewestCreated, entry.uCreatedSec);
-  Advance(uNewestCreated);
-  m_ports.outbox.RowsUpTo(m_file.NewestRow());
-  // What the index held of this file without a body comes from the file again.
-  m_uBytes.fetch_sub(m_ports.outbox.DropUnloaded().uCost);
-  const _SpoolCount count = m_ports.outbox.Recover(listFound);
-  m_uBytes.fetch_add(count.uCost);
-  const bool bNews = m_eMode.exchange(EMode::Ready) == EMode::Unavailable;
-  if (bNews || count.uRecords != 0)
-    m_ports.log.LogInfo("zxcloud spool open file[%s] records[%u] bytes[%llu]", m_settings.strFile,
-                        static_cast<uint32_t>(count.uRecords), static_cast<uint64_t>(count.uCost));
-  m_quietOpen.Reset();
-  m_dwReopen = m_times.dwReopenFirst;
-  m_bDiskFull = false;
-  m_bLoad = true;
-  m_due.u64Sweep = m_ports.clock.NowMs();
-  m_due.u64Delete = m_due.u64Sweep;
-}
-
-void CSpool::Unusable(ESpoolResult eResult) {
-  m_file.Close();
-  m_uBytes.fetch_sub(m_ports.outbox.DropUnloaded().uCost);
-  m_bDiskFull = eResult == ESpoolResult::Full;
-  m_eMode.store(EMode::Unavailable);
-  const uint64_t u64Now = m_ports.clock.NowMs();
-  m_due = {};
-  m_due.u64Open = u64Now + m_dwReopen;
-  if (m_quietOpen.Due(u64Now))
-    m_ports.log.LogError("**zxcloud spool not usable, non-blocking sends are refused file[%s] reason[%s]",
-                         m_settings.strFile, m_file.Reason());
-  m_dwReopen = std::min(m_dwReopen * 2, m_times.dwReopenLast);
-}
-
-uint32_t CSpool::RefusalCode() const {
-  return m_bDiskFull ? kZxcloudErrFull : kZxcloudErrSpool;
+  m_requests.Sleep(u64Wait == UINT64_MAX ? UINT64_MAX : u64Wait * 1000);
 }
 
 void CSpool::Refuse(uint32_t uiResult) {
-  for (const TRequest& pRequest : m_listBatch) {
-    m_u64Refused.fetch_add(1);
-    Finish(pRequest, uiResult);
-  }
+  m_u64Refused.fetch_add(m_listBatch.size());
+  for (const TRequest& pRequest : m_listBatch)
+    m_uBytes.fetch_sub(pRequest->entry.Cost());
+  m_requests.Answer(m_listBatch, uiResult);
   m_listBatch.clear();
 }
 
@@ -412,7 +190,6 @@ void CSpool::Work() {
     return;
   }
   const uint64_t u64Now = m_ports.clock.NowMs();
-  m_uLastBatch = m_listBatch.size();
   if (!m_listBatch.empty() || (m_due.u64Delete != 0 && u64Now >= m_due.u64Delete))
     CommitBatch();
   if (m_bLoad && m_file.IsOpen())
@@ -442,7 +219,11 @@ ESpoolResult CSpool::CommitOnce(std::vector<_SpoolEntry>& listDone, bool bInsert
   listRows.reserve(listDone.size());
   for (const _SpoolEntry& entry : listDone)
     listRows.push_back(entry.u64Row);
+  const auto start = std::chrono::steady_clock::now();
   const ESpoolResult eResult = m_file.Commit(listInserts, std::move(listRows));
+  const auto took =
+      std::chrono::duration_cast<std::chrono::microseconds>(std::chrono::steady_clock::now() - start);
+  m_u64CommitUs = static_cast<uint64_t>(took.count());
   if (eResult == ESpoolResult::Ok) {
     size_t uCost = 0;
     for (const _SpoolEntry& entry : listDone)
@@ -457,7 +238,7 @@ void CSpool::CommitBatch() {
   std::erase_if(m_listBatch, [this](const TRequest& pRequest) {
     const bool bCancelled = pRequest->bCancelled.load();
     if (bCancelled)
-      Finish(pRequest, kZxcloudErrState);
+      m_uBytes.fetch_sub(pRequest->entry.Cost());
     return bCancelled;
   });
   std::vector<_SpoolEntry> listDone = m_ports.outbox.SwapDone();
@@ -478,6 +259,7 @@ void CSpool::CommitBatch() {
   }
   if (eResult == ESpoolResult::Ok) {
     Committed(m_listBatch.size());
+    m_file.Settle();
     return;
   }
   // A full disk takes no record, but gives back the room of those that are done.
@@ -521,8 +303,7 @@ void CSpool::Committed(size_t uInserted) {
     listItems.emplace_back(pRequest->entry, pRequest->pItem);
   m_ports.outbox.AddSpooled(listItems);
   m_ports.fnReady();
-  for (const TRequest& pRequest : m_listBatch)
-    Finish(pRequest, 0);
+  m_requests.Answer(m_listBatch, 0);
   m_listBatch.clear();
   if (m_due.u64Sweep == 0)
     m_due.u64Sweep = m_ports.clock.NowMs() + std::min<uint64_t>(m_settings.uMaxAgeSec * 1000ull, kSweepMs);

@@ -9,13 +9,9 @@
 // in Append.
 #pragma once
 
-#include <pthread.h>
-
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -24,9 +20,8 @@
 #include "platform/cloud/CloudPorts.h"
 #include "platform/cloud/Outbox.h"
 #include "platform/cloud/SpoolFile.h"
+#include "platform/cloud/SpoolRequests.h"
 #include "platform/cloud/SpoolSalvage.h"
-#include "platform/os/ThreadSafety.h"
-#include "platform/os/ZxCritSec.h"
 
 namespace zxcloud {
 
@@ -72,27 +67,27 @@ class CSpool : public ISpoolWishes {
   };
 
   CSpool(_Ports ports, _SpoolSettings settings, const _SpoolTimes& times = {});
-  ~CSpool() override;
+  ~CSpool() override = default;
   CSpool(const CSpool&) = delete;
   CSpool& operator=(const CSpool&) = delete;
 
   // 0: on disk. kZxcloudErrFull: the bound or the disk; kZxcloudErrSpool: the file cannot be used;
   // kZxcloudErrState: stopped.
-  uint32_t Append(std::string_view svBody, int iPriority) TS_EXCLUDES(m_cs);
+  uint32_t Append(std::string_view svBody, int iPriority);
   _State State();
 
   void Run();
   // One turn, then a wait of at most iMaxWaitMs (-1: no bound). False: stopped, and everything written.
   bool RunOnce(int iMaxWaitMs);
-  void Stop() TS_EXCLUDES(m_cs);  // Run returns when those who wait have their answers
-  void Abandon();                 // after Run, or instead of it: ends those who came too late
+  void Stop() { m_requests.Stop(); }  // Run returns when those who wait have their answers
+  void Abandon();                     // after Run, or instead of it: ends those who came too late
 
-  void WantBodies() override TS_EXCLUDES(m_cs);
-  void WantDeletes() override TS_EXCLUDES(m_cs);
+  void WantBodies() override { m_requests.WantBodies(); }
+  void WantDeletes() override { m_requests.WantDeletes(); }
 
  private:
-  struct _Request;
-  using TRequest = std::shared_ptr<_Request>;
+  using _Request = CSpoolRequests::_Request;
+  using TRequest = CSpoolRequests::TRequest;
   enum class EMode : int { Opening, Ready, Unavailable };
 
   // Times in milliseconds of the clock; 0: nothing is due.
@@ -106,14 +101,9 @@ class CSpool : public ISpoolWishes {
   int64_t NowSec();
   void Advance(uint32_t uNewestCreatedSec);
   bool Reserve(int iIndex, size_t uCost);
-  uint32_t Wait(const TRequest& pRequest);
-  void Finish(const TRequest& pRequest, uint32_t uiResult);
   void Refuse(uint32_t uiResult);
 
-  void TakeRequests() TS_EXCLUDES(m_cs);
-  void Gather() TS_EXCLUDES(m_cs);
-  void Sleep(int iMaxWaitMs) TS_EXCLUDES(m_cs);
-  void SleepUntil(uint64_t u64Us, size_t uWakeAt) TS_REQUIRES(m_cs);
+  void Sleep(int iMaxWaitMs);
   uint64_t NextDue() const;
 
   void EnsureOpen();
@@ -144,18 +134,12 @@ class CSpool : public ISpoolWishes {
   std::atomic<EMode> m_eMode{EMode::Opening};
   std::atomic<int64_t> m_i64BaseSec;  // the spool's clock at monotonic 0
 
-  CCritSec m_cs;
-  pthread_cond_t m_cond;
-  std::deque<TRequest> m_queue TS_GUARDED_BY(m_cs);
-  size_t m_uWakeAt TS_GUARDED_BY(m_cs) = SIZE_MAX;  // so many requests end the thread's wait
-  bool m_bStop TS_GUARDED_BY(m_cs) = false;
-  bool m_bWantBodies TS_GUARDED_BY(m_cs) = false;
-  bool m_bWantDeletes TS_GUARDED_BY(m_cs) = false;
+  CSpoolRequests m_requests;
 
   // The spool thread's own.
   CSpoolFile m_file;
   std::vector<TRequest> m_listBatch;
-  size_t m_uLastBatch = 0;
+  uint64_t m_u64CommitUs = 0;  // what the last commit took
   bool m_bLoad = false;
   _Due m_due;
   uint64_t m_u64LastOpen = 0;
