@@ -4,7 +4,6 @@ import json
 import mmap
 import os
 import pwd
-import shutil
 import socket
 import statistics
 import struct
@@ -12,7 +11,7 @@ import subprocess
 import time
 import unittest.mock
 
-from system_bench import System, edit_plugins   # finds the demo's modules
+from system_bench import System, add_plugin   # finds the demo's modules
 
 from componentside import COMPONENTS   # noqa: I001
 from processes import Child, StepFailed, wait_for
@@ -93,9 +92,7 @@ def hops(rows):
 
 
 def prepare(system, build):
-    library = "lib/plugins/libbench_forward_plugin.so"
-    shutil.copy(os.path.join(build, "bench", "libbench_forward_plugin.so"), system.agent.path(library))
-    edit_plugins(system.agent, lambda plugins: plugins + [{"name": "benchforward", "path": library, "guid": FLOOR}])
+    add_plugin(system.agent, build, "forward_plugin", FLOOR)
     stamps = Stamps(os.path.join(system.folder, "stamps"))
     preload = {"LD_PRELOAD": os.path.join(os.path.abspath(build), "bench", "libbench_forward_stamps.so"),
                "ZX_FORWARD_STAMPS": stamps.path}

@@ -111,11 +111,7 @@ def idle(build):
 
 def latency(build):
     with System(build) as system:
-        hand_off = os.path.join(build, "bench", "libbench_handoff.so")
-        shutil.copy(hand_off, system.agent.path("lib/plugins/libbench_handoff.so"))
-        edit_plugins(system.agent, lambda plugins: [
-            dict(plugin, path="lib/plugins/libbench_handoff.so") if plugin["name"] == "zxtaskmgr" else plugin
-            for plugin in plugins])
+        add_plugin(system.agent, build, "handoff", "FAB922A8-736E-4CB5-A666-4FD849A3049A")
         run = system.agent.path("run")
         os.makedirs(run, exist_ok=True)
         system_socket = os.path.join(run, "bench.sock")
@@ -126,21 +122,21 @@ def latency(build):
         subprocess.run(bench + [system.mid, str(SAMPLE), system_socket], check=True)
 
 
-def edit_plugins(agent, change):
-    """zxhost.json of the agent's home with another list of plug-ins."""
+def add_plugin(agent, build, name, guid):
+    """A plug-in of the benchmarks in front of the agent, in place of whatever serves that GUID."""
+    library = f"lib/plugins/libbench_{name}.so"
+    shutil.copy(os.path.join(build, "bench", os.path.basename(library)), agent.path(library))
     with open(agent.path("etc/zxhost.json"), encoding="utf-8") as text:
         config = json.load(text)
-    config["plugins"] = change(config["plugins"])
+    others = [plugin for plugin in config["plugins"] if plugin["guid"] != guid]
+    config["plugins"] = [{"name": "bench" + name, "path": library, "guid": guid}] + others
     with open(agent.path("etc/zxhost.json"), "w", encoding="utf-8") as text:
         json.dump(config, text)
 
 
 def relay(build, messages=4000, rounds=7):
     with System(build) as system:
-        library = "lib/plugins/libbench_relay.so"
-        shutil.copy(os.path.join(build, "bench", "libbench_relay.so"), system.agent.path(library))
-        own = {"name": "benchrelay", "path": library, "guid": "9946467F-0102-46E8-ACAC-B9EFE3CD68FD"}
-        edit_plugins(system.agent, lambda plugins: [own] + [plugin for plugin in plugins if plugin["guid"] != own["guid"]])
+        add_plugin(system.agent, build, "relay", "9946467F-0102-46E8-ACAC-B9EFE3CD68FD")
         os.makedirs(system.agent.path("run"), exist_ok=True)
         system.start_agent()
         with open(system.agent.path("run/relay.go.tmp"), "w", encoding="ascii") as text:
