@@ -51,9 +51,43 @@ TEST_F(CCloudConfigTest, Load_TakesEverything_WithPathsBelowTheHome) {
 
 TEST_F(CCloudConfigTest, Load_HasDefaults_WithoutItsObject) {
   ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"}})"));
-  EXPECT_EQ(m_config.uMaxQueueBytes, kDefaultQueueBytes);
-  EXPECT_FALSE(m_config.bPlainLoopback);
-  EXPECT_TRUE(m_config.tls.strCaFile.empty());
+  const auto Defaults = [this] {
+    EXPECT_EQ(m_config.uMaxQueueBytes, 67108864u);
+    EXPECT_EQ(m_config.spool.uMaxBytes, 67108864u);
+    EXPECT_EQ(m_config.spool.uMaxAgeSec, 604800u);
+    EXPECT_TRUE(m_config.spool.bFull);
+    EXPECT_EQ(m_config.spool.strFile, m_home.Root().Str() + "etc/zxagent/zxcloud.db");
+    EXPECT_FALSE(m_config.bPlainLoopback);
+    EXPECT_EQ(m_config.strProxy, "");
+    EXPECT_TRUE(m_config.tls.listPins.empty());
+    for (const std::string* p : {&m_config.tls.strCaFile, &m_config.tls.strCaPath, &m_config.tls.strCrlFile,
+                                 &m_config.tls.strCertFile, &m_config.tls.strKeyFile})
+      EXPECT_EQ(*p, "");
+  };
+  Defaults();
+  // Nothing of an earlier file stays.
+  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"spool_bytes":100000,"spool_age_sec":100,
+      "spool_sync":"normal","db_path":"x.db","max_queue_bytes":100000,"plaintext_loopback":true,
+      "ca_file":"a","ca_path":"b","crl_file":"c","cert_file":"d","key_file":"e","proxy":"p"}})"));
+  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{}})"));
+  Defaults();
+}
+
+TEST_F(CCloudConfigTest, Load_PutsTheSpoolBesideASettingsFileThatIsNoHomes) {
+  m_home.WriteFile("other/settings.json", R"({"tconf":{"tconf_url":"a"}})");
+  ASSERT_TRUE(LoadCloudConfig(m_home.Path("other/settings.json").Str(), "", m_config, m_strError));
+  EXPECT_EQ(m_config.spool.strFile, m_home.Root().Str() + "other/zxcloud.db");
+  m_home.WriteFile("other/settings.json",
+                   R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"db_path":"/var/spool/z.db"}})");
+  ASSERT_TRUE(LoadCloudConfig(m_home.Path("other/settings.json").Str(), "", m_config, m_strError));
+  EXPECT_EQ(m_config.spool.strFile, "/var/spool/z.db");
+}
+
+TEST_F(CCloudConfigTest, Load_TakesBothWaysOfSyncing) {
+  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"spool_sync":"normal"}})"));
+  EXPECT_FALSE(m_config.spool.bFull);
+  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"spool_sync":"full"}})"));
+  EXPECT_TRUE(m_config.spool.bFull);
 }
 
 TEST_F(CCloudConfigTest, Load_IsSatisfiedWithTheOtherAddress) {
@@ -96,9 +130,80 @@ TEST_F(CCloudConfigTest, Load_NamesWhatIsWrong) {
   EXPECT_THAT(m_strError, HasSubstr("No such file"));
 }
 
-TEST_F(CCloudConfigTest, Load_BringsTheBoundIntoItsRange) {
-  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"max_queue_bytes":-5}})"));
-  EXPECT_EQ(m_config.uMaxQueueBytes, 65536u);
-  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"max_queue_bytes":1e300}})"));
-  EXPECT_EQ(m_config.uMaxQueueBytes, size_t{4} << 30);
+TEST_F(CCloudConfigTest, Load_BringsEachNumberIntoItsRange) {
+  struct {
+    const char* pszMember;
+    uint64_t u64Least, u64Most;
+    uint64_t (*pfnValue)(const _CloudConfig&);
+  } const kMembers[] = {
+      {"max_queue_bytes", 65536, 4294967296,
+       [](const _CloudConfig& c) { return uint64_t{c.uMaxQueueBytes}; }},
+      {"spool_bytes", 65536, 4294967296, [](const _CloudConfig& c) { return uint64_t{c.spool.uMaxBytes}; }},
+      {"spool_age_sec", 60, 31622400, [](const _CloudConfig& c) { return uint64_t{c.spool.uMaxAgeSec}; }},
+  };
+  for (const auto& member : kMembers) {
+    const std::string strLeast = std::to_string(member.u64Least);
+    const std::string strMost = std::to_string(member.u64Most);
+    const std::pair<std::string, uint64_t> kCases[] = {
+        {"-1e300", member.u64Least},
+        {"-5", member.u64Least},
+        {"0", member.u64Least},
+        {std::to_string(member.u64Least - 1), member.u64Least},
+        {strLeast, member.u64Least},
+        {std::to_string(member.u64Least + 1), member.u64Least + 1},
+        {strLeast + ".9", member.u64Least},
+        {std::to_string(member.u64Most - 1), member.u64Most - 1},
+        {strMost, member.u64Most},
+        {std::to_string(member.u64Most + 1), member.u64Most},
+        {"1e300", member.u64Most},
+        {"1e999", member.u64Most},
+    };
+    for (const auto& [strValue, u64Wanted] : kCases) {
+      ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{")" + std::string(member.pszMember) +
+                       "\":" + strValue + "}}"))
+          << m_strError;
+      EXPECT_EQ(member.pfnValue(m_config), u64Wanted) << member.pszMember << " " << strValue;
+    }
+  }
+}
+
+TEST_F(CCloudConfigTest, Load_RefusesTheWrongTypeOfEachMember_AndKeepsWhatItHad) {
+  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"spool_bytes":100000}})"));
+  const std::pair<const char*, std::vector<const char*>> kMembers[] = {
+      {"max_queue_bytes", {"\"1\"", "true", "null", "[1]", "{}"}},
+      {"spool_bytes", {"\"1\"", "true", "null", "[1]", "{}"}},
+      {"spool_age_sec", {"\"1\"", "true", "null", "[1]", "{}"}},
+      {"spool_sync", {"1", "true", "null", "\"\"", "\"FULL\"", "\"off\"", "[\"full\"]"}},
+      {"db_path", {"1", "false", "null", "[]"}},
+      {"plaintext_loopback", {"1", "0", "\"true\"", "null"}},
+      {"proxy", {"1", "null"}},
+      {"ca_path", {"1", "null"}},
+      {"crl_file", {"1", "null"}},
+      {"cert_file", {"1", "null"}},
+      {"key_file", {"1", "null"}},
+  };
+  for (const auto& [pszMember, listValues] : kMembers) {
+    for (const char* pszValue : listValues) {
+      EXPECT_FALSE(Load(R"({"tconf":{"tconf_url":"b"},"zxcloudconf":{")" + std::string(pszMember) +
+                        "\":" + pszValue + "}}"))
+          << pszMember << " " << pszValue;
+      EXPECT_THAT(m_strError, HasSubstr("member " + std::string(pszMember) + " must be")) << pszValue;
+    }
+  }
+  EXPECT_EQ(m_config.spool.uMaxBytes, 100000u);
+  EXPECT_EQ(m_config.listTconf.at(0).strHost, "a");
+}
+
+TEST_F(CCloudConfigTest, Load_TakesSixteenPins) {
+  const auto Pins = [](int iCount) {
+    std::string str = R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"pins":[)";
+    for (int i = 0; i < iCount; ++i)
+      str += std::string(i == 0 ? "" : ",") + "\"sha256//" + std::to_string(i) + "\"";
+    return str + "]}}";
+  };
+  ASSERT_TRUE(Load(Pins(16)));
+  EXPECT_EQ(m_config.tls.listPins.size(), 16u);
+  EXPECT_FALSE(Load(Pins(17)));
+  ASSERT_TRUE(Load(Pins(0)));
+  EXPECT_TRUE(m_config.tls.listPins.empty());
 }

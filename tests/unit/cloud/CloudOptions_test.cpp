@@ -20,6 +20,22 @@ TEST(CloudOptions, Merge_TakesTheAgentsTexts) {
   EXPECT_EQ(options.strMid, "abc");
 }
 
+TEST(CloudOptions, Flags_HaveDefaults_AndAreSetByOneAlone) {
+  const _CloudOptions defaults;
+  EXPECT_FALSE(defaults.bTcpDisable);
+  EXPECT_FALSE(defaults.bHbDisable);
+  EXPECT_TRUE(defaults.bAllowDebug);
+  EXPECT_EQ(defaults.Text(), "mid=:m2=:platid=:localip=:cloudtcp_disable=0:disable_hb=0:allowdebug=1");
+  for (const char* pszValue : {"0", "", "2", "01", "true", " 1", "-1"}) {
+    _CloudOptions options;
+    options.bTcpDisable = options.bHbDisable = options.bAllowDebug = true;
+    const std::string strValue = pszValue;
+    ASSERT_TRUE(options.Merge("cloudtcp_disable=" + strValue + ":disable_hb=" + strValue +
+                              ":allowdebug=" + strValue));
+    EXPECT_FALSE(options.bTcpDisable || options.bHbDisable || options.bAllowDebug) << pszValue;
+  }
+}
+
 TEST(CloudOptions, Merge_EndsAValueAtTheNextKey_SoThatItMayHoldColons) {
   _CloudOptions options;
   EXPECT_TRUE(options.Merge("platid=1:localip=fe80::1:2:disable_hb=0"));

@@ -43,27 +43,48 @@ TEST(TconfAnswer, Parse_HasDefaults) {
 }
 
 TEST(TconfAnswer, Parse_BringsNumbersIntoTheirRange) {
+  struct {
+    const char* pszMember;
+    int64_t i64Least, i64Most, i64Default;
+    int64_t (*pfnValue)(const _TconfAnswer&);
+  } const kMembers[] = {
+      {"keepalive_sec", 10, 600, 30, [](const _TconfAnswer& a) { return int64_t{a.iKeepAliveSec}; }},
+      {"spread_sec", 0, 600, 60, [](const _TconfAnswer& a) { return int64_t{a.uSpreadSec}; }},
+      {"refresh_sec", 60, 86400, 3600, [](const _TconfAnswer& a) { return int64_t{a.uRefreshSec}; }},
+      {"drain_per_sec", 0, 1000000, 100, [](const _TconfAnswer& a) { return int64_t{a.uDrainPerSec}; }},
+      {"connections", 1, 2, 2, [](const _TconfAnswer& a) { return int64_t{a.uConnections}; }},
+      {"confirm", 0, 1, 0, [](const _TconfAnswer& a) { return int64_t{a.uConfirm}; }},
+      {"max_message_bytes", 1024, 268435456, 8388608,
+       [](const _TconfAnswer& a) { return static_cast<int64_t>(a.uMaxMessage); }},
+  };
   _TconfAnswer answer;
   std::string strError;
-  ASSERT_TRUE(ParseTconf(R"({"v":1,"keepalive_sec":1,"spread_sec":-1,"refresh_sec":1,"max_message_bytes":0,
-      "drain_per_sec":-1,"connections":0})",
-                         false, answer, strError));
-  EXPECT_EQ(answer.iKeepAliveSec, 10);
-  EXPECT_EQ(answer.uSpreadSec, 0u);
-  EXPECT_EQ(answer.uRefreshSec, 60u);
-  EXPECT_EQ(answer.uMaxMessage, 1024u);
-  EXPECT_EQ(answer.uDrainPerSec, 0u);
-  EXPECT_EQ(answer.uConnections, 1u);
-  ASSERT_TRUE(ParseTconf(
-      R"({"v":1,"keepalive_sec":1e99,"spread_sec":1e99,"refresh_sec":1e99,"max_message_bytes":1e99,
-      "drain_per_sec":1e99,"connections":3})",
-      false, answer, strError));
-  EXPECT_EQ(answer.iKeepAliveSec, 600);
-  EXPECT_EQ(answer.uSpreadSec, 600u);
-  EXPECT_EQ(answer.uRefreshSec, 86400u);
-  EXPECT_EQ(answer.uMaxMessage, 268435456u);
-  EXPECT_EQ(answer.uDrainPerSec, 1000000u);
-  EXPECT_EQ(answer.uConnections, 2u);
+  ASSERT_TRUE(ParseTconf(R"({"v":1})", false, answer, strError));
+  for (const auto& member : kMembers)
+    EXPECT_EQ(member.pfnValue(answer), member.i64Default) << member.pszMember;
+  for (const auto& member : kMembers) {
+    const std::pair<std::string, int64_t> kCases[] = {
+        {"-1e99", member.i64Least},
+        {std::to_string(member.i64Least - 1), member.i64Least},
+        {std::to_string(member.i64Least), member.i64Least},
+        {std::to_string(member.i64Least) + ".9", member.i64Least},
+        {std::to_string(member.i64Least + 1), member.i64Least + 1},
+        {std::to_string(member.i64Most), member.i64Most},
+        {std::to_string(member.i64Most + 1), member.i64Most},
+        {"1e99", member.i64Most},
+        {"1e999", member.i64Most},
+    };
+    for (const auto& [strValue, i64Wanted] : kCases) {
+      ASSERT_TRUE(ParseTconf("{\"v\":1,\"" + std::string(member.pszMember) + "\":" + strValue + "}", false,
+                             answer, strError));
+      EXPECT_EQ(member.pfnValue(answer), i64Wanted) << member.pszMember << " " << strValue;
+    }
+    for (const char* pszValue : {"\"1\"", "true", "null", "[1]"}) {
+      EXPECT_FALSE(ParseTconf("{\"v\":1,\"" + std::string(member.pszMember) + "\":" + pszValue + "}", false,
+                              answer, strError));
+      EXPECT_EQ(strError, std::string("member ") + member.pszMember + " is no number");
+    }
+  }
 }
 
 TEST(TconfAnswer, Parse_RefusesWithItsReason_AndLeavesTheAnswerAlone) {
