@@ -41,10 +41,11 @@ void CBulkLink::OnTime() {
   m_machine.OnTime();
   m_connection.CheckLife();
   ReportFailure();
-  if (!m_bFollows || !IsMissed() || m_bMissLogged)
+  if (!m_bFollows || !IsMissed() || (m_bMissLogged && m_strReason == m_strLogged))
     return;
   m_bMissLogged = true;
-  if (m_quiet.Due(m_ports.clock.NowMs()))
+  m_strLogged = m_strReason;
+  if (m_quiet.Due(m_ports.clock.NowMs(), m_strReason))
     m_ports.log.LogWarn("*zxcloud upload connection not up, uploads go with the commands addr[%s] reason[%s]",
                         m_machine.Current().Text(), m_strReason);
 }

@@ -58,7 +58,8 @@ class CBulkLink : private ILinkActions {
   _MqttOpen m_open;
   std::string m_strUpPrefix;
   std::string m_strReason;
-  CQuietPeriod m_quiet;
+  std::string m_strLogged;  // the reason of the last line
+  CQuietReasons m_quiet;
 };
 
 }  // namespace zxcloud

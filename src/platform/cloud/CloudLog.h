@@ -4,7 +4,9 @@
 
 #include <atomic>
 #include <cstdint>
+#include <string_view>
 #include <type_traits>
+#include <vector>
 
 #include "platform/cloud/Callbacks.h"
 #include "platform/log/Log.h"
@@ -59,6 +61,22 @@ class CQuietPeriod {
   const uint32_t m_dwPeriodMs;
   uint64_t m_u64Last = 0;
   bool m_bQuiet = false;
+};
+
+inline constexpr size_t kReasonsMax = 16;
+
+// The same for failures that have a reason: one that was not heard since the last Reset is let through at
+// once, as what cures one reason often shows the next; no more than kReasonsMax of them. Figures that differ
+// with each attempt (times, counts of bytes, the clock) make no reason new.
+class CQuietReasons {
+ public:
+  explicit CQuietReasons(uint32_t dwPeriodMs) : m_period(dwPeriodMs) {}
+  bool Due(uint64_t u64NowMs, std::string_view svReason);
+  void Reset();
+
+ private:
+  CQuietPeriod m_period;
+  std::vector<size_t> m_listHeard;  // hashes
 };
 
 }  // namespace zxcloud

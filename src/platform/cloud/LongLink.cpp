@@ -278,8 +278,9 @@ void CLongLink::LinkDown(const std::string& strReason) {
   m_bulk.Leave(false);
   m_command.Close(false);
   SendAgain(m_confirms.TakeAll());
-  m_ports.errors.Note(m_machine.Current().Text() + ": " + strReason);
-  m_quiet.Due(m_ports.clock.NowMs());
+  const std::string strTold = m_machine.Current().Text() + ": " + strReason;
+  m_ports.errors.Note(strTold);
+  m_quiet.Due(m_ports.clock.NowMs(), strTold);
   m_ports.log.LogWarn("*zxcloud long connection lost addr[%s] reason[%s]", m_machine.Current().Text(),
                       strReason);
   m_ports.callbacks.Disconnect();
@@ -288,7 +289,7 @@ void CLongLink::LinkDown(const std::string& strReason) {
 
 void CLongLink::LinkWaits(const std::string& strReasons, uint32_t dwDelayMs) {
   m_ports.errors.Note(strReasons);
-  if (m_quiet.Due(m_ports.clock.NowMs()))
+  if (m_quiet.Due(m_ports.clock.NowMs(), strReasons))
     m_ports.log.LogWarn("*zxcloud long connection not up, next attempt in ms[%u] reasons[%s]", dwDelayMs,
                         strReasons);
   m_ports.fnDown();

@@ -141,7 +141,7 @@ class CLongLink : private ILinkActions {
   uint64_t m_u64NextTick = 0;
   CDrainRate m_drain;
   std::string m_strPush;  // the pushed text with its NUL; kept for its capacity
-  CQuietPeriod m_quiet;
+  CQuietReasons m_quiet;
 };
 
 }  // namespace zxcloud

@@ -136,7 +136,7 @@ void CShortLink::DoTconf() {
   m_bMidMissing = !IsMid(options.strMid);
   if (m_bMidMissing) {
     m_u64TconfDue = m_ports.clock.NowMs() + kIdleMs;  // setting one ends this wait
-    if (m_quietTconf.Due(m_ports.clock.NowMs()))
+    if (m_quietTconf.Due(m_ports.clock.NowMs(), "no usable machine id"))
       m_ports.log.LogWarn("*zxcloud no connection without a usable machine id mid length[%u]",
                           static_cast<uint32_t>(options.strMid.size()));
     return;
@@ -162,7 +162,7 @@ void CShortLink::DoTconf() {
   const uint32_t dwDelay = DelayAfter(m_backoffTconf.Next(), uRetryAfter, m_ports.random);
   m_u64TconfDue = m_ports.clock.NowMs() + std::max(dwDelay, 1u);
   m_ports.errors.Note(strReasons);
-  if (m_quietTconf.Due(m_ports.clock.NowMs()))
+  if (m_quietTconf.Due(m_ports.clock.NowMs(), strReasons))
     m_ports.log.LogWarn("*zxcloud no terminal configuration, next attempt in ms[%u] reasons[%s]", dwDelay,
                         strReasons);
 }
@@ -206,7 +206,7 @@ void CShortLink::ProbeShort() {
   NoteError(answer);
   if (answer.Ok())
     m_quietPoll.Reset();
-  else if (m_quietPoll.Due(m_ports.clock.NowMs()))
+  else if (m_quietPoll.Due(m_ports.clock.NowMs(), Told(answer)))
     m_ports.log.LogWarn("*zxcloud short connection not up addr[%s] reason[%s]", m_listShort[m_uShort].Text(),
                         answer.Why());
 }
@@ -229,7 +229,11 @@ _HttpAnswer CShortLink::ToShort(const _HttpRequest& request) {
 
 void CShortLink::NoteError(const _HttpAnswer& answer) {
   if (!answer.Ok() && answer.eError != ENetError::Aborted)
-    m_ports.errors.Note(m_listShort[m_uShort].Text() + ": " + answer.Why());
+    m_ports.errors.Note(Told(answer));
+}
+
+std::string CShortLink::Told(const _HttpAnswer& answer) const {
+  return m_listShort[m_uShort].Text() + ": " + answer.Why();
 }
 
 void CShortLink::ReportEnds(const _HttpAnswer& answer) {
@@ -282,7 +286,7 @@ void CShortLink::DoPoll(const _PollJob& job) {
   if (!answer.Ok()) {
     m_bPollProved = false;
     NoteError(answer);
-    if (answer.eError != ENetError::Aborted && m_quietPoll.Due(m_ports.clock.NowMs()))
+    if (answer.eError != ENetError::Aborted && m_quietPoll.Due(m_ports.clock.NowMs(), Told(answer)))
       m_ports.log.LogWarn("*zxcloud poll failed addr[%s] reason[%s]", m_listShort[m_uShort].Text(),
                           answer.Why());
     m_pollWaiters.Complete(job.u64Key, ErrorOf(answer));
@@ -367,7 +371,7 @@ void CShortLink::UploadFailed(const _OutItem& item, const _HttpAnswer& answer) {
   const uint32_t dwDelay = DelayAfter(m_backoffUpload.Next(), answer.uRetryAfterSec, m_ports.random);
   m_u64UploadNext = m_ports.clock.NowMs() + std::max(dwDelay, 1u);
   NoteError(answer);
-  if (m_quietUpload.Due(m_ports.clock.NowMs()))
+  if (m_quietUpload.Due(m_ports.clock.NowMs(), Told(answer)))
     m_ports.log.LogWarn("*zxcloud upload failed addr[%s] reason[%s] next attempt in ms[%u]",
                         m_listShort[m_uShort].Text(), answer.Why(), dwDelay);
 }

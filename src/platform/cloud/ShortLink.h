@@ -102,6 +102,7 @@ class CShortLink {
   _HttpAnswer ToShort(const _HttpRequest& request);
   void NoteError(const _HttpAnswer& answer);
   void ReportEnds(const _HttpAnswer& answer);
+  std::string Told(const _HttpAnswer& answer) const;  // the address and why
   _HttpRequest Request(const char* pszMethod, const char* pszTarget, const _CloudOptions& options) const;
 
   const _Ports m_ports;
@@ -130,9 +131,9 @@ class CShortLink {
   std::vector<_CloudAddress> m_listShort;
   std::string m_strEnds;       // as last reported
   bool m_bPollProved = false;  // reported since init or the last failure
-  CQuietPeriod m_quietTconf;
-  CQuietPeriod m_quietPoll;
-  CQuietPeriod m_quietUpload;
+  CQuietReasons m_quietTconf;
+  CQuietReasons m_quietPoll;
+  CQuietReasons m_quietUpload;
 };
 
 }  // namespace zxcloud

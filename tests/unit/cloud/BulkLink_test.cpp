@@ -23,9 +23,9 @@ class CBulkLinkTest : public CLongLinkFixture {
     ComeUp();
     ASSERT_TRUE(m_link.Status().bBulkUp);
   }
-  void LoseBulk(EMqttFailure eKind = EMqttFailure::Network) {
+  void LoseBulk(EMqttFailure eKind = EMqttFailure::Network, const std::string& strReason = "gone") {
     m_pBulk->bOpen = false;
-    m_pBulk->events.OnClosed(eKind, "gone");
+    m_pBulk->events.OnClosed(eKind, strReason);
     Turn();
   }
 };
@@ -130,6 +130,22 @@ TEST_F(CBulkLinkTest, Missed_SendsUploadsWithTheCommands_UntilItIsBack) {
   // What went with the commands is still acknowledged there.
   m_pTransport->events.OnAck(m_pTransport->published[0].u64Token);
   EXPECT_EQ(m_outbox.State().u64Entries, 1u);
+}
+
+TEST_F(CBulkLinkTest, Missed_LogsAChangedReason_Once) {
+  Up();
+  m_random.uPercent = 0;  // attempts as close together as they may get
+  LoseBulk();
+  Advance(m_times.dwUploadGrace);
+  constexpr const char* kMissed = "log 2 *zxcloud upload connection not up";
+  EXPECT_EQ(CCallbackLog::Count(kMissed), 1u);
+  for (const char* pszReason : {"refused", "refused", "gone", "refused"}) {
+    Advance(10);
+    ASSERT_TRUE(m_pBulk->bOpen);
+    LoseBulk(EMqttFailure::Network, pszReason);
+    Turn();
+    EXPECT_EQ(CCallbackLog::Count(kMissed), 2u) << pszReason;
+  }
 }
 
 TEST_F(CBulkLinkTest, Refused_IsTriedSeldom_AndMissed) {

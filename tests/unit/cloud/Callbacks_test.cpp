@@ -127,3 +127,47 @@ TEST_F(CCallbacksTest, QuietPeriod_LetsTheFirstThroughAndThenOnePerPeriod) {
   quiet.Reset();
   EXPECT_TRUE(quiet.Due(6002));
 }
+
+TEST_F(CCallbacksTest, QuietReasons_LetsEachNewReasonThroughAtOnce) {
+  CQuietReasons quiet(1000);
+  EXPECT_TRUE(quiet.Due(5000, "a: refused"));
+  EXPECT_FALSE(quiet.Due(5001, "a: refused"));
+  EXPECT_TRUE(quiet.Due(5002, "a: certificate expired"));
+  EXPECT_FALSE(quiet.Due(5003, "a: refused")) << "heard before";
+  EXPECT_FALSE(quiet.Due(6001, "a: refused"));
+  EXPECT_TRUE(quiet.Due(6002, "a: refused"));
+  quiet.Reset();
+  EXPECT_TRUE(quiet.Due(6003, "a: refused"));
+}
+
+TEST_F(CCallbacksTest, QuietReasons_AreBounded) {
+  CQuietReasons quiet(1000);
+  size_t uLines = 0;
+  for (int i = 0; i < 1000; ++i)
+    uLines += quiet.Due(5000, "status " + std::to_string(i));
+  EXPECT_EQ(uLines, kReasonsMax);
+  EXPECT_TRUE(quiet.Due(6000, "status 1000"));
+  EXPECT_FALSE(quiet.Due(6001, "status 1001"));
+}
+
+TEST_F(CCallbacksTest, QuietReasons_TakesNoFigureForAReason) {
+  const std::pair<const char*, const char*> kSame[] = {
+      {"h:1: Failed to connect to h port 1 after 3 ms: refused",
+       "h:1: Failed to connect to h port 1 after 12 ms: refused"},
+      {"Operation timed out after 20001 milliseconds with 0 bytes received",
+       "Operation timed out after 20040 milliseconds with 17 bytes received"},
+      {"timed out after 5001 milliseconds with 10 out of 99 bytes",
+       "timed out after 5002 milliseconds with 7 out of 1099 bytes"},
+      {"certificate expired (this machine's clock says 2026-11-22 00:00:01 UTC)",
+       "certificate expired (this machine's clock says 2026-11-22 00:00:07 UTC)"},
+  };
+  for (const auto& [pszFirst, pszSecond] : kSame) {
+    CQuietReasons quiet(1000);
+    EXPECT_TRUE(quiet.Due(5000, pszFirst));
+    EXPECT_FALSE(quiet.Due(5001, pszSecond)) << pszSecond;
+  }
+  CQuietReasons quiet(1000);
+  for (const char* pszOther :
+       {"h:1: status 500", "h:1: status 503", "h:2: status 503", "certificate expired", "", "7", "8"})
+    EXPECT_TRUE(quiet.Due(5000, pszOther)) << pszOther;
+}

@@ -306,6 +306,34 @@ TEST_F(CLongLinkTest, Offline_LogsOncePerMinute) {
   EXPECT_GE(CCallbackLog::Count("log 2"), 1u);
 }
 
+TEST_F(CLongLinkTest, Offline_LogsAChangedReasonAtOnce_ButNotOneAfterAnother) {
+  Configure("127.0.0.1:1");
+  ComeUp();
+  m_pTransport->events.OnClosed(EMqttFailure::Network, "reset");
+  Turn();
+  EXPECT_EQ(CCallbackLog::Count("log 2 *zxcloud long connection lost"), 1u);
+  const auto Fail = [this](const std::string& strReason) {
+    m_clock.Advance(5000);
+    Turn(2);
+    ASSERT_TRUE(m_pTransport->bOpen);
+    m_pTransport->events.OnClosed(EMqttFailure::Network, strReason);
+    m_random.uPercent = 0;
+    Turn();
+  };
+  constexpr const char* kNotUp = "log 2 *zxcloud long connection not up";
+  Fail("reset");
+  EXPECT_EQ(CCallbackLog::Count(kNotUp), 0u) << "the loss was told with this reason";
+  Fail("refused");
+  Fail("refused");
+  EXPECT_EQ(CCallbackLog::Count(kNotUp), 1u);
+  Fail("certificate expired");
+  EXPECT_EQ(CCallbackLog::Count(kNotUp), 2u);
+  for (int i = 0; i < 100; ++i)
+    Fail("reason " + std::to_string(i));
+  EXPECT_LE(CCallbackLog::Count(kNotUp), kReasonsMax + 100 * 5000 / m_times.dwQuietLog);
+  EXPECT_GE(CCallbackLog::Count(kNotUp), kReasonsMax - 1);
+}
+
 TEST_F(CLongLinkTest, TimeOut_HangsUp_AndTheNextAddressFollows) {
   Configure("127.0.0.1:1,127.0.0.2:2");
   m_pTransport->events.OnTcpUp();

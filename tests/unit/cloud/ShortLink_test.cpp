@@ -139,6 +139,21 @@ TEST_F(CShortLinkTest, Tconf_TriesEveryAddress_ThenBacksOff_WithOneLinePerMinute
   EXPECT_EQ(CCallbackLog::Events().size(), 2u);
 }
 
+TEST_F(CShortLinkTest, Tconf_LogsAChangedReasonAtOnce) {
+  m_clock.Advance(Work());
+  m_answers["/v1/tconf"] = CFakeHttp::Status(502);
+  m_clock.Advance(Work());
+  m_clock.Advance(Work());
+  ASSERT_EQ(CCallbackLog::Events().size(), 2u);
+  EXPECT_THAT(CCallbackLog::Events()[1], HasSubstr("t1:1: status 502; t2:2: status 502"));
+  for (int iStatus = 500; iStatus < 600; ++iStatus) {
+    m_answers["/v1/tconf"] = CFakeHttp::Status(iStatus);
+    m_random.uPercent = 0;
+    m_clock.Advance(Work());
+  }
+  EXPECT_EQ(CCallbackLog::Events().size(), kReasonsMax);
+}
+
 TEST_F(CShortLinkTest, Tconf_ObeysRetryAfter_AndNamesABadDocument) {
   m_random.uPercent = 0;
   m_answers["/v1/tconf"] = CFakeHttp::Status(503, "", 77);
@@ -192,7 +207,11 @@ TEST_F(CShortLinkTest, Poll_NamesItsFailures) {
     m_answers["/v1/poll"] = answer;
     EXPECT_EQ(Poll(), uiCode);
   }
-  EXPECT_EQ(CCallbackLog::Count("log 2 *zxcloud poll failed"), 1u);
+  // Each reason once, "stopped" not at all.
+  EXPECT_EQ(CCallbackLog::Count("log 2 *zxcloud poll failed"), 5u);
+  m_answers["/v1/poll"] = kCases[0].first;
+  EXPECT_EQ(Poll(), kZxcloudErrRefused);
+  EXPECT_EQ(CCallbackLog::Count("log 2 *zxcloud poll failed"), 5u);
 }
 
 TEST_F(CShortLinkTest, Poll_IsReleased_WhenTheLinkStops) {
@@ -218,6 +237,7 @@ TEST_F(CShortLinkTest, Upload_WaitsForTheLongConnection_ForItsGraceOnly) {
   EXPECT_TRUE(m_http.Seen("/v1/upload").empty());
   m_bLongUp = false;
   m_u64LongDown = m_clock.NowMs();
+  m_random.uPercent = 0;
   EXPECT_EQ(Work(), m_times.dwUploadGrace);
   EXPECT_TRUE(m_http.Seen("/v1/upload").empty());
   m_clock.Advance(m_times.dwUploadGrace);
