@@ -52,8 +52,8 @@ struct _LinkTimes {
   uint32_t dwReady = 2000;        // the broker's answer to the subscription
   uint32_t dwStable = 30000;      // a link that lived this long starts its back-off anew
   uint32_t dwAckAge = 30000;      // a publish unacknowledged for this long means a dead link
-  uint32_t dwUploadGrace = 2000;  // uploads wait this long for the long connection before HTTPS takes them
-  uint32_t dwQuietLog = 60000;    // at most one line per this while offline
+  uint32_t dwUploadGrace = 2000;  // uploads wait this long, up to twice, for the long connection before HTTPS
+  uint32_t dwQuietLog = 60000;    // a known failure is logged at most once per this
   uint32_t dwHttpConnect = 5000;
   uint32_t dwHttpTotal = 20000;
   uint32_t dwTconfCheck = 10000;

@@ -302,12 +302,21 @@ void CShortLink::DoPoll(const _PollJob& job) {
 
 // Uploads while the long connection is not up.
 
+// When uploads need wait for the long connection no more; 0: none is expected. The whole fleet loses a broker
+// in one moment and must not turn to HTTPS in one: the wait is drawn anew for each loss.
+uint64_t CShortLink::GraceEnd() {
+  const uint64_t u64Down = m_ports.peer.LongDownSince();
+  if (u64Down == 0)
+    return 0;
+  if (std::exchange(m_u64GraceOf, u64Down) != u64Down)
+    m_dwGrace = m_ports.times.dwUploadGrace + m_ports.random.Below(m_ports.times.dwUploadGrace + 1);
+  return u64Down + m_dwGrace;
+}
+
 bool CShortLink::UploadDue(uint64_t u64Now, uint32_t& dwWait) {
   if (m_listShort.empty() || m_ports.peer.LongIsUp() || m_ports.outbox.Waiting() == 0)
     return false;
-  const uint64_t u64Down = m_ports.peer.LongDownSince();
-  const uint64_t u64Grace = u64Down == 0 ? 0 : u64Down + m_ports.times.dwUploadGrace;
-  const uint64_t u64Due = std::max(u64Grace, m_u64UploadNext);
+  const uint64_t u64Due = std::max(GraceEnd(), m_u64UploadNext);
   if (u64Now >= u64Due)
     return true;
   dwWait = static_cast<uint32_t>(std::min<uint64_t>(dwWait, u64Due - u64Now));

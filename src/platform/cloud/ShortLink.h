@@ -96,13 +96,14 @@ class CShortLink {
   void TconfArrived(const _CloudAddress& address, const _HttpAnswer& answer, _TconfAnswer parsed);
   void ProbeShort();
   bool UploadDue(uint64_t u64Now, uint32_t& dwWait);
+  uint64_t GraceEnd();
   bool DoUpload();
   void Uploaded(const _OutItem& item);
   void UploadFailed(const _OutItem& item, const _HttpAnswer& answer);
   _HttpAnswer ToShort(const _HttpRequest& request);
   void NoteError(const _HttpAnswer& answer);
+  std::string Told(const _HttpAnswer& answer) const;
   void ReportEnds(const _HttpAnswer& answer);
-  std::string Told(const _HttpAnswer& answer) const;  // the address and why
   _HttpRequest Request(const char* pszMethod, const char* pszTarget, const _CloudOptions& options) const;
 
   const _Ports m_ports;
@@ -123,6 +124,8 @@ class CShortLink {
   CBackoff m_backoffUpload;
   uint64_t m_u64TconfDue = 0;  // at once
   uint64_t m_u64UploadNext = 0;
+  uint64_t m_u64GraceOf = 0;  // the loss of the long connection that m_dwGrace was drawn for
+  uint32_t m_dwGrace = 0;
   uint32_t m_uDrainPerSec = 0;
   CDrainRate m_drain;  // of what piled up while uploads failed
   bool m_bMidMissing = false;

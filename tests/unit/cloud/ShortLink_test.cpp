@@ -249,6 +249,25 @@ TEST_F(CShortLinkTest, Upload_WaitsForTheLongConnection_ForItsGraceOnly) {
   EXPECT_EQ(m_outbox.Bytes(), 0u);
 }
 
+TEST_F(CShortLinkTest, Upload_GraceIsDrawnForEachLoss_SoThatAFleetDoesNotTurnToHttpsInOneMoment) {
+  Configured();
+  m_answers["/v1/upload"] = CFakeHttp::Status(200);
+  for (const uint32_t uPercent : {0u, 25u, 50u, 100u}) {
+    Add();
+    m_clock.Advance(1);
+    m_u64LongDown = m_clock.NowMs();
+    m_random.uPercent = uPercent;
+    EXPECT_EQ(Work(), m_times.dwUploadGrace * (100 + uPercent) / 100);
+    m_random.uPercent = 100 - uPercent;  // drawn once: looking again changes nothing
+    m_clock.Advance(500);
+    EXPECT_EQ(Work(), m_times.dwUploadGrace * (100 + uPercent) / 100 - 500);
+    m_clock.Advance(m_times.dwUploadGrace * 2);
+    m_http.seen.clear();
+    Work();
+    EXPECT_EQ(m_http.Seen("/v1/upload").size(), 1u);
+  }
+}
+
 TEST_F(CShortLinkTest, Upload_GoesAtOnce_WhenNoLongConnectionIsExpected) {
   Configured();
   m_answers["/v1/upload"] = CFakeHttp::Status(200);
