@@ -25,6 +25,12 @@ CBrokerLink* Self(void* pThis) {
   return static_cast<CBrokerLink*>(pThis);
 }
 
+// A context's own data is the name of its server (BrokerTls.cpp), so the link stands beside it.
+int LinkIndex() {
+  static const int iIndex = SSL_CTX_get_ex_new_index(0, nullptr, nullptr, nullptr, nullptr);
+  return iIndex;
+}
+
 }  // namespace
 
 bool CBrokerLink::SetupTls(const std::string& strHost, std::string& strError) {
@@ -35,7 +41,10 @@ bool CBrokerLink::SetupTls(const std::string& strHost, std::string& strError) {
   m_pCtx = NewBrokerContext(m_config, strHost, strError);
   if (m_pCtx == nullptr)
     return false;
-  SSL_CTX_set_app_data(m_pCtx.get(), this);
+  if (SSL_CTX_set_ex_data(m_pCtx.get(), LinkIndex(), this) != 1) {
+    strError = "TLS: out of memory";
+    return false;
+  }
   SSL_CTX_set_verify(m_pCtx.get(), SSL_VERIFY_PEER, &CBrokerLink::OnVerify);
   return true;
 }
@@ -45,7 +54,7 @@ int CBrokerLink::OnVerify(int iAccepted, X509_STORE_CTX* pStore) {
   const auto* pSsl =
       static_cast<SSL*>(X509_STORE_CTX_get_ex_data(pStore, SSL_get_ex_data_X509_STORE_CTX_idx()));
   if (iAccepted == 0)
-    static_cast<CBrokerLink*>(SSL_CTX_get_app_data(SSL_get_SSL_CTX(pSsl)))->m_lVerdict =
+    static_cast<CBrokerLink*>(SSL_CTX_get_ex_data(SSL_get_SSL_CTX(pSsl), LinkIndex()))->m_lVerdict =
         X509_STORE_CTX_get_error(pStore);
   return iAccepted;
 }

@@ -181,6 +181,11 @@ void CTestTlsServer::ServeTls(int fd, const _TlsManners& manners) {
   const std::unique_ptr<SSL, CFree> pSsl(SSL_new(pCtx.get()));
   Must(pSsl != nullptr && SSL_set_fd(pSsl.get(), fd) == 1, "connection");
   bool bOk = SSL_accept(pSsl.get()) == 1;
+  {
+    const char* pszName = SSL_get_servername(pSsl.get(), TLSEXT_NAMETYPE_host_name);
+    const std::lock_guard lock(m_mutex);
+    m_strLastName = pszName != nullptr ? pszName : "";
+  }
   if (bOk && manners.eMode == _TlsManners::EMode::Renegotiate)
     bOk = SSL_renegotiate(pSsl.get()) == 1 && SSL_do_handshake(pSsl.get()) == 1;
   CPeer peer(fd, pSsl.get());
@@ -254,4 +259,9 @@ bool CTestTlsServer::TalkMqtt(CPeer& peer, unsigned char chFirst) {
     default:
       return false;
   }
+}
+
+std::string CTestTlsServer::LastName() {
+  const std::lock_guard lock(m_mutex);
+  return m_strLastName;
 }

@@ -41,7 +41,8 @@ class CTestTlsServer {
   void DropAll();                        // closes every connection
   uint32_t Connections() const { return m_uConnections.load(); }
   uint32_t Messages() const { return m_uMessages.load(); }  // requests and packets that were understood
-  uint32_t Hellos() const { return m_uHellos.load(); }      // client hellos, those of a second handshake too
+  std::string LastName();  // the server's name as the last client gave it; empty: none
+  uint32_t Hellos() const { return m_uHellos.load(); }  // client hellos, those of a second handshake too
 
  private:
   class CPeer;
@@ -60,6 +61,7 @@ class CTestTlsServer {
   std::atomic<uint32_t> m_uHellos{0};
   std::mutex m_mutex;
   _TlsManners m_manners;
+  std::string m_strLastName;
   std::set<int> m_setPeers;
   std::vector<std::thread> m_threads;
   std::thread m_thread;
