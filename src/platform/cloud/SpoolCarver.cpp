@@ -14,6 +14,9 @@ constexpr size_t kMaxLocal = kUsable - 35;
 constexpr size_t kMinLocal = (kUsable - 12) * 32 / 255 - 23;
 constexpr size_t kOverflowBytes = kUsable - 4;
 constexpr unsigned char kTableLeaf = 0x0d;
+// Every so many pages one tells of what kind those behind it are: 5 bytes for each, the first is the kind.
+constexpr uint32_t kPagesPerMap = kUsable / 5 + 1;
+constexpr unsigned char kFreeKind = 2;
 constexpr uint32_t kMaxPages = 4u << 20;  // 16 GiB
 constexpr size_t kMaxColumns = 16;
 constexpr size_t kMaxPayload = kMaxSpoolBody + 4096;
@@ -105,6 +108,18 @@ bool CSpoolCarver::ReadPage(const _Image& image, std::vector<unsigned char>& pag
   return image.pBytes->Read(image.u64At, page.data(), page.size());
 }
 
+// A damaged list must not take a page with rows for a free one.
+bool CSpoolCarver::IsFreeKind(uint32_t uPage) const {
+  if (uPage < 3)
+    return false;
+  const uint32_t uMap = (uPage - 2) / kPagesPerMap * kPagesPerMap + 2;
+  _Image image;
+  unsigned char chKind = 0;
+  return uMap < uPage && Newest(uMap, image) &&
+         image.pBytes->Read(image.u64At + uint64_t{5} * (uPage - uMap - 1), &chKind, 1) &&
+         chKind == kFreeKind;
+}
+
 // Free pages keep their old content: rows that were delivered long ago.
 void CSpoolCarver::FindFree() {
   std::vector<unsigned char> page;
@@ -113,13 +128,13 @@ void CSpoolCarver::FindFree() {
     return;
   uint32_t uTrunk = Big32(page.data() + 32);
   for (uint32_t uSteps = 0; uTrunk != 0 && uSteps < m_uPages; ++uSteps) {
-    if (!Newest(uTrunk, image) || m_listFree[uTrunk] || !ReadPage(image, page))
+    if (!Newest(uTrunk, image) || m_listFree[uTrunk] || !IsFreeKind(uTrunk) || !ReadPage(image, page))
       return;
     m_listFree[uTrunk] = true;
     const uint32_t uLeaves = std::min<uint32_t>(Big32(page.data() + 4), kUsable / 4 - 2);
     for (uint32_t u = 0; u < uLeaves; ++u) {
       const uint32_t uLeaf = Big32(page.data() + 8 + size_t{u} * 4);
-      if (uLeaf >= 1 && uLeaf <= m_uPages)
+      if (uLeaf >= 1 && uLeaf <= m_uPages && IsFreeKind(uLeaf))
         m_listFree[uLeaf] = true;
     }
     uTrunk = Big32(page.data());

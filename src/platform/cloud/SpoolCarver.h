@@ -39,6 +39,7 @@ class CSpoolCarver {
 
   bool Newest(uint32_t uPage, _Image& image) const;
   bool ReadPage(const _Image& image, std::vector<unsigned char>& page) const;
+  bool IsFreeKind(uint32_t uPage) const;
   void FindFree();
   bool ScanPage(const _Image& image, bool bFirst, const TFound& fnFound, bool bRows);
   bool Cell(const std::vector<unsigned char>& page, size_t uAt, uint64_t u64MaxPayload,

@@ -42,6 +42,29 @@ bool Sound(const CStatement& row) {
          SpoolSum(RowOf(row)) == row.Int(4);
 }
 
+// What SQLite has to find in the fixed part of a file of ours. What it cannot handle there it calls by other
+// names than damage: "readonly" for a format of a later version, "unsupported file format", and so on.
+bool HeaderDamaged(const std::string& strFile) {
+  constexpr size_t kHeader = 100;
+  constexpr std::string_view kMagic("SQLite format 3", 16);  // with its NUL
+  constexpr std::string_view kFractions("\0\x40\x20\x20", 4);
+  char header[kHeader];
+  const CFileBytes file(strFile);
+  if (file.Size() < kHeader || !file.Read(0, header, kHeader))
+    return false;
+  const std::string_view sv(header, kHeader);
+  const auto Big32 = [&](size_t uAt) {
+    uint32_t u = 0;
+    for (size_t i = 0; i < 4; ++i)
+      u = u << 8 | static_cast<unsigned char>(sv[uAt + i]);
+    return u;
+  };
+  const size_t uPage = Big32(14) & 0xffff;
+  return sv.substr(0, kMagic.size()) != kMagic || uPage != kSpoolPageBytes || sv[18] > 2 || sv[18] < 1 ||
+         sv[19] > 2 || sv[19] < 1 || sv.substr(20, kFractions.size()) != kFractions || Big32(44) > 4 ||
+         Big32(56) > 1;
+}
+
 }  // namespace
 
 ESpoolResult CSpoolFile::Fail(const char* pszWhat) {
@@ -61,7 +84,11 @@ ESpoolResult CSpoolFile::Open(bool bFull, TFound& listFound) {
       return ESpoolResult::Damaged;
     }
   }
-  const ESpoolResult eResult = OpenChecked(bFull, listFound);
+  ESpoolResult eResult = OpenChecked(bFull, listFound);
+  if (eResult == ESpoolResult::Failed && m_db.Failure() == EFailure::Other && HeaderDamaged(m_strFile)) {
+    m_strReason.insert(0, "file header damaged, ");
+    eResult = ESpoolResult::Damaged;
+  }
   m_bOpen = eResult == ESpoolResult::Ok;
   if (!m_bOpen)
     m_db.Close(eResult == ESpoolResult::Damaged);
@@ -145,9 +172,21 @@ ESpoolResult CSpoolFile::Scan(TFound& listFound) {
   if (eStep == EStep::Error)
     return Fail("read");
   if (uBad == 0 && listFound.size() == m_state.u64Waiting)
-    return ESpoolResult::Ok;
+    return CheckPages();
   m_strReason = "records expected " + std::to_string(m_state.u64Waiting) + ", sound " +
                 std::to_string(listFound.size()) + ", damaged " + std::to_string(uBad);
+  return ESpoolResult::Damaged;
+}
+
+// A damaged list of free pages shows in no row, and sends the next records over those that are there.
+ESpoolResult CSpoolFile::CheckPages() {
+  CStatement check = m_db.Query("PRAGMA quick_check(1)");
+  if (check.Step() != EStep::Row)
+    return Fail("check");
+  if (check.View(0) == "ok")
+    return ESpoolResult::Ok;
+  m_strReason = "pages: " + std::string(check.View(0));
+  std::replace(m_strReason.begin(), m_strReason.end(), '\n', ' ');
   return ESpoolResult::Damaged;
 }
 

@@ -63,6 +63,7 @@ class CSpoolFile {
   ESpoolResult OpenChecked(bool bFull, TFound& listFound);
   ESpoolResult Schema();
   ESpoolResult Scan(TFound& listFound);
+  ESpoolResult CheckPages();
   ESpoolResult Write(const std::vector<_SpoolInsert>& listInserts, std::vector<uint64_t>& listDeletes);
   bool Insert(const std::vector<_SpoolInsert>& listInserts);
   bool Delete(std::vector<uint64_t>& listDeletes, uint64_t& u64Deleted);
