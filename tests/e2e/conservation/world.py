@@ -245,7 +245,11 @@ class Cloud(Program):
             return None
 
     def ready(self):
-        return self.ask("/op/v1/status") is not None
+        # Operators are answered a moment before it is known whether the start succeeds.
+        said = b"[%d:%d] zxcloudd ready " % (self.child.pid, self.child.pid)
+        with open(self.log_file, "rb") as text:
+            text.seek(max(0, os.path.getsize(self.log_file) - 65536))
+            return said in text.read() and self.ask("/op/v1/status") is not None
 
 
 class Sender(Program):
