@@ -115,9 +115,10 @@ class CSpoolRig {
   zxcloud::TOutItem Take() {
     zxcloud::TOutItem pItem;
     EventuallyTrue([&] {
+      // Asked first: before it is ready, what the file holds is not known.
+      const bool bReady = std::string(pSpool->State().pszMode) == "ready";
       pItem = pOutbox->Take(Wide());
-      return pItem != nullptr || (pSpool->State().u64Depth == pOutbox->Spooled().uTaken &&
-                                  std::string(pSpool->State().pszMode) == "ready");
+      return pItem != nullptr || (bReady && pSpool->State().u64Depth == pOutbox->Spooled().uTaken);
     });
     return pItem;
   }
