@@ -2,6 +2,7 @@
 
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
+#include <sys/timerfd.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,8 @@ CZxThreadGroup g_threads;
 constexpr uint32_t kDefaultTimeoutMs = 5000;
 constexpr size_t kDefaultSendBytes = 16u << 20;
 constexpr int kEventsPerWait = 32;
+// How long a component's dispatcher may be busy before the I/O thread reads its connection.
+constexpr uint64_t kSweepNs = 5 * kBusNsPerMs;
 
 }  // namespace
 
@@ -69,10 +72,16 @@ bool CBusCarrier::StartThreads() {
     m_iEpoll = epoll_create1(EPOLL_CLOEXEC);
   if (m_iEvent < 0)
     m_iEvent = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);
-  epoll_event event{};
-  event.events = EPOLLIN;
-  if (m_iEpoll < 0 || m_iEvent < 0 ||
-      (epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, m_iEvent, &event) != 0 && errno != EEXIST) || !m_helper.Start())
+  if (m_iTimer < 0)
+    m_iTimer = timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+  const auto add = [&](int iFd, void* pTag) {
+    epoll_event event{};
+    event.events = EPOLLIN;
+    event.data.ptr = pTag;
+    return epoll_ctl(m_iEpoll, EPOLL_CTL_ADD, iFd, &event) == 0 || errno == EEXIST;
+  };
+  if (m_iEpoll < 0 || m_iEvent < 0 || m_iTimer < 0 || !add(m_iEvent, nullptr) || !add(m_iTimer, &m_iTimer) ||
+      !m_helper.Start())
     return false;
   {
     CCritLock lock(m_csReady);
@@ -202,6 +211,28 @@ void CBusCarrier::Ready(std::shared_ptr<CBusWire> pWire) {
     eventfd_write(m_iEvent, 1);
 }
 
+void CBusCarrier::ScheduleSweep() {
+  if (!m_bSweepDue.load() && !m_bSweepDue.exchange(true))
+    SetSweepTimer();
+}
+
+void CBusCarrier::SetSweepTimer() const {
+  itimerspec due{};
+  due.it_value.tv_nsec = kSweepNs;
+  timerfd_settime(m_iTimer, 0, &due, nullptr);
+}
+
+void CBusCarrier::Sweep() {
+  eventfd_t count = 0;
+  eventfd_read(m_iTimer, &count);
+  m_bSweepDue.store(false);  // first: who goes away from here on asks again
+  bool bAgain = false;
+  for (const auto& pWire : m_wires)
+    bAgain = pWire->Sweep() || bAgain;
+  if (bAgain)
+    ScheduleSweep();
+}
+
 bool CBusCarrier::AddFd(int iFd, uint32_t uiEvents, CBusWire* pWire) const {
   epoll_event event{};
   event.events = uiEvents;
@@ -235,6 +266,10 @@ void CBusCarrier::Io() {
     const int iCount = epoll_wait(m_iEpoll, events, kEventsPerWait, WaitMs());
     const uint64_t u64NowNs = BusNowNs();
     for (int i = 0; i < iCount; ++i) {
+      if (events[i].data.ptr == &m_iTimer) {
+        Sweep();
+        continue;
+      }
       if (events[i].data.ptr != nullptr) {
         static_cast<CBusWire*>(events[i].data.ptr)->Turn(u64NowNs);
         continue;

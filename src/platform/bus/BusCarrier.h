@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <string>
@@ -30,6 +31,9 @@ class CBusCarrier {
 
   // For the connections. Ready: the wire gets a turn soon.
   void Ready(std::shared_ptr<CBusWire> pWire) TS_EXCLUDES(m_csReady);
+  // A server went away from its connection: the I/O thread looks after it if that lasts. Any thread; a system
+  // call only when none has asked for a while.
+  void ScheduleSweep();
   void Report(uint32_t uiState, const std::string& strText) TS_EXCLUDES(m_cs);
   void SetConnected(bool bConnected, const char* pszText) TS_EXCLUDES(m_cs);
   bool RunHostCall(const std::shared_ptr<CBusControl>& pControl, uint64_t u64Call, const char* pszMethod,
@@ -55,6 +59,8 @@ class CBusCarrier {
   int WaitMs();
   void TurnReady() TS_EXCLUDES(m_csReady);
   void TurnDue();
+  void SetSweepTimer() const;
+  void Sweep();
   void DropEnded();
 
   CCritSec m_cs;
@@ -83,5 +89,7 @@ class CBusCarrier {
   pthread_t m_hIo{};
   int m_iEpoll = -1;
   int m_iEvent = -1;
+  int m_iTimer = -1;
+  std::atomic<bool> m_bSweepDue{false};
   std::vector<std::shared_ptr<CBusWire>> m_wires;  // the I/O thread's
 };

@@ -8,6 +8,7 @@
 
 #include "platform/bus/BusClock.h"
 #include "platform/bus/BusEndpoint.h"
+#include "platform/bus/BusLink.h"
 #include "platform/bus/BusPause.h"
 #include "platform/log/Log.h"
 #include "platform/os/ZxThread.h"
@@ -112,25 +113,36 @@ void CBusEndpoint::Dispatch(size_t uSlot) {
 }
 
 bool CBusEndpoint::NextWork(size_t uSlot, CBusPause& pause, _Work& work) {
-  for (;;) {
+  std::shared_ptr<CBusLink> pLink;
+  for (bool bMayServe = true;;) {
+    ENext eNext = ENext::Again;
+    uint64_t u64DueNs = 0;
     {
       CCritLock lock(m_cs);
-      const ENext eNext = TryNextWork(uSlot, pause, work);
-      if (eNext == ENext::Work || eNext == ENext::Leave)
-        return eNext == ENext::Work;
-      if (eNext == ENext::Again)
-        continue;
+      eNext = TryNextWork(uSlot, pause, bMayServe, work);
+      if (eNext == ENext::Serve) {
+        pLink = m_pLink;
+        u64DueNs = m_deadlines.EarliestNs();
+      }
     }
-    sched_yield();
+    if (eNext == ENext::Work || eNext == ENext::Leave)
+      return eNext == ENext::Work;
+    bMayServe = true;
+    if (eNext == ENext::Yield)
+      sched_yield();
+    else if (eNext == ENext::Serve)
+      bMayServe = pLink->Serve(m_iWake, u64DueNs);  // not: one wait without it
   }
 }
 
-CBusEndpoint::ENext CBusEndpoint::TryNextWork(size_t uSlot, CBusPause& pause, _Work& work) {
+CBusEndpoint::ENext CBusEndpoint::TryNextWork(size_t uSlot, CBusPause& pause, bool bMayServe, _Work& work) {
   if (m_slots[uSlot].bReceiving) {
     m_slots[uSlot].bReceiving = false;
     if (m_uStateWaiters > 0)
       pthread_cond_broadcast(&m_condState);
   }
+  if (std::exchange(m_bServing, false))
+    NoLongerIdle();
   if (m_deadlines.EarliestNs() != CBusDeadlines::kNever &&
       (m_queue.IsEmpty() || ++m_uiSinceClock >= kStepsPerClock))
     QueueDue();
@@ -144,11 +156,19 @@ CBusEndpoint::ENext CBusEndpoint::TryNextWork(size_t uSlot, CBusPause& pause, _W
   if (pause.LetOthersRun(BusNowNs()))
     return ENext::Yield;
   ++m_uIdle;
+  if (bMayServe && m_pLink != nullptr && m_iWake >= 0) {
+    m_bServing = true;
+    return ENext::Serve;
+  }
   Wait(m_condWork, m_deadlines.EarliestNs());
+  NoLongerIdle();
+  return ENext::Again;
+}
+
+void CBusEndpoint::NoLongerIdle() {
   --m_uIdle;
   if (m_uWaking > 0)
     --m_uWaking;
-  return ENext::Again;
 }
 
 void CBusEndpoint::QueueDue() {
@@ -164,7 +184,7 @@ void CBusEndpoint::End(CBusRef<CBusCall> call, uint32_t uiStatus) {
   call->i64ReplyType = static_cast<long>(call->uiType);
   call->bBatonMayLive = true;
   m_queue.Push(*call.Detach());
-  if (TakeWaker())
+  if (TakeWaker() == EWake::Signal)
     pthread_cond_signal(&m_condWork);
 }
 

@@ -1,5 +1,8 @@
 #include "platform/bus/BusEndpoint.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <exception>
 #include <utility>
 
@@ -17,6 +20,8 @@ CBusEndpoint::CBusEndpoint(void* pContext, const _BusLimits& limits)
 CBusEndpoint::~CBusEndpoint() {
   pthread_cond_destroy(&m_condWork);
   pthread_cond_destroy(&m_condState);
+  if (m_iWake >= 0)
+    close(m_iWake);
 }
 
 void CBusEndpoint::Wait(pthread_cond_t& cond, uint64_t u64DeadlineNs) {
@@ -68,6 +73,7 @@ void CBusEndpoint::Leave() {
   CBusQueue dropped;
   CBusBatons batons;
   std::shared_ptr<CBusLink> pLink;
+  EWake eWake = EWake::No;
   {
     CCritLock lock(m_cs);
     if (m_eState == EState::In) {
@@ -88,8 +94,10 @@ void CBusEndpoint::Leave() {
       while (CBusRef<CBusCall> call = m_deadlines.PopAny())
         End(std::move(call), kBusErrAborted);
       pthread_cond_broadcast(&m_condWork);
+      eWake = m_bServing ? EWake::Event : EWake::No;
     }
   }
+  Wake(eWake);
   if (bLeft)
     CBusRouter::Instance().Remove(guid);
   while (CBusItem* pItem = dropped.Pop()) {
@@ -165,6 +173,7 @@ uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pLocal, const GUID& gu
   }
   std::shared_ptr<IBusPeer> pTarget = std::move(pLocal);
   const uint64_t u64NowNs = call ? BusNowNs() : 0;
+  EWake eWake = EWake::No;
   {
     CCritLock lock(m_cs);
     if (m_eState != EState::In)
@@ -178,10 +187,11 @@ uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pLocal, const GUID& gu
       call->pTarget = pTarget;
       const uint64_t u64OldNs = m_deadlines.EarliestNs();
       m_deadlines.Insert(call, u64NowNs);
-      if (m_deadlines.EarliestNs() < u64OldNs && TakeWaker())
-        pthread_cond_signal(&m_condWork);
+      if (m_deadlines.EarliestNs() < u64OldNs)
+        eWake = TakeWaker();
     }
   }
+  Wake(eWake);
   const uint32_t uiResult = pTarget->Push(std::move(pMessage));
   // A call that has ended meanwhile (deadline, own Leave) has its completion: then it counts as accepted.
   return uiResult != 0 && (!call || Withdraw(*call)) ? uiResult : 0;
@@ -238,7 +248,7 @@ uint32_t CBusEndpoint::Reply(uint32_t uiStatus, long i64MsgType, const void* pDa
 }
 
 uint32_t CBusEndpoint::Push(std::unique_ptr<CBusMessage> pMessage) {
-  bool bWake = false;
+  EWake eWake = EWake::No;
   {
     CCritLock lock(m_cs);
     if (m_eState != EState::In)
@@ -258,18 +268,34 @@ uint32_t CBusEndpoint::Push(std::unique_ptr<CBusMessage> pMessage) {
     ++m_uQueuedMessages;
     m_uQueuedBytes += Cost(pMessage->uiLength);
     m_queue.Push(*pMessage.release());
-    bWake = TakeWaker();
+    eWake = TakeWaker();
   }
-  if (bWake)  // without the lock, which the woken thread wants first
-    pthread_cond_signal(&m_condWork);
+  Wake(eWake);
   return 0;
 }
 
-bool CBusEndpoint::TakeWaker() {
-  if (m_uIdle <= m_uWaking)
-    return false;
+CBusEndpoint::EWake CBusEndpoint::TakeWaker() {
+  if (m_uIdle <= m_uWaking || (m_bServing && OnOwnDispatcher()))
+    return EWake::No;
   ++m_uWaking;
-  return true;
+  return m_bServing ? EWake::Event : EWake::Signal;
+}
+
+void CBusEndpoint::Wake(EWake eWake) {
+  if (eWake == EWake::Signal)
+    pthread_cond_signal(&m_condWork);
+  else if (eWake == EWake::Event)
+    eventfd_write(m_iWake, 1);
+}
+
+void CBusEndpoint::Interrupt() {
+  bool bServing = false;
+  {
+    CCritLock lock(m_cs);
+    bServing = m_bServing && !OnOwnDispatcher();
+  }
+  if (bServing)
+    eventfd_write(m_iWake, 1);
 }
 
 void CBusEndpoint::DropBaton(CBusCall& call) {
@@ -293,7 +319,7 @@ void CBusEndpoint::ReleaseReplyBytes(uint32_t uiLength) {
 
 bool CBusEndpoint::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
                             uint32_t uiLength) {
-  bool bWake = false;
+  EWake eWake = EWake::No;
   {
     CCritLock lock(m_cs);
     if (call.bDone.load(std::memory_order_relaxed))
@@ -305,10 +331,9 @@ bool CBusEndpoint::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, 
     call.pReply = std::move(pReply);
     call.uiReplyLength = uiLength;
     m_queue.Push(*owned.Detach());
-    bWake = TakeWaker();
+    eWake = TakeWaker();
   }
-  if (bWake)
-    pthread_cond_signal(&m_condWork);
+  Wake(eWake);
   return true;
 }
 
@@ -332,11 +357,19 @@ void CBusEndpoint::RefuseIfAny(const CBusRef<CBusCall>& call, uint32_t uiStatus)
 }
 
 bool CBusEndpoint::AttachLink(const std::shared_ptr<CBusLink>& pLink) {
-  CCritLock lock(m_cs);
-  if (m_pLink != nullptr || (m_eState != EState::In && m_eState != EState::Joining))
-    return false;
-  m_pLink = pLink;
-  return true;
+  int iWake = m_limits.uiDispatchers == 1 ? eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC) : -1;
+  bool bAttached = false;
+  {
+    CCritLock lock(m_cs);
+    bAttached = m_pLink == nullptr && (m_eState == EState::In || m_eState == EState::Joining);
+    if (bAttached)
+      m_pLink = pLink;
+    if (bAttached && m_iWake < 0)
+      m_iWake = std::exchange(iWake, -1);
+  }
+  if (iWake >= 0)
+    close(iWake);
+  return bAttached;
 }
 
 std::shared_ptr<CBusLink> CBusEndpoint::DetachLink() {

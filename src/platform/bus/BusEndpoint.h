@@ -67,6 +67,8 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   std::vector<uint32_t> Types() TS_EXCLUDES(m_cs);
   bool HasReceiver(uint32_t uiType) TS_EXCLUDES(m_cs);
   bool OnOwnDispatcher() const;
+  // A dispatcher that waits at its connection comes out.
+  void Interrupt() TS_EXCLUDES(m_cs);
   struct _Depths {
     size_t uQueued = 0, uQueuedBytes = 0, uBatons = 0, uUnderWay = 0;
   };
@@ -105,9 +107,10 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   bool StartDispatcher(size_t uSlot, const GUID& guid);
   void Dispatch(size_t uSlot) TS_EXCLUDES(m_cs);
   bool NextWork(size_t uSlot, CBusPause& pause, _Work& work) TS_EXCLUDES(m_cs);
-  enum class ENext { Work, Leave, Yield, Again };
-  ENext TryNextWork(size_t uSlot, CBusPause& pause, _Work& work) TS_REQUIRES(m_cs);
+  enum class ENext { Work, Leave, Yield, Serve, Again };
+  ENext TryNextWork(size_t uSlot, CBusPause& pause, bool bMayServe, _Work& work) TS_REQUIRES(m_cs);
   void TakeWork(CBusItem* pItem, size_t uSlot, _Work& work) TS_REQUIRES(m_cs);
+  void NoLongerIdle() TS_REQUIRES(m_cs);
   void QueueDue() TS_REQUIRES(m_cs);
   void End(CBusRef<CBusCall> call, uint32_t uiStatus) TS_REQUIRES(m_cs);
   void Run(_Work& work) TS_EXCLUDES(m_cs);
@@ -115,7 +118,10 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   void RunCompletion(CBusCall& call) TS_EXCLUDES(m_cs);
   void Wait(pthread_cond_t& cond, uint64_t u64DeadlineNs) TS_REQUIRES(m_cs);
   bool IsRunning(uint32_t uiType) TS_REQUIRES(m_cs);
-  bool TakeWaker() TS_REQUIRES(m_cs);  // whether an idle dispatcher is to be signalled for one more item
+  // How an idle dispatcher is to be told of one more item, by Wake: after the lock, which it wants first.
+  enum class EWake { No, Signal, Event };
+  EWake TakeWaker() TS_REQUIRES(m_cs);
+  void Wake(EWake eWake);
   void SetUnreceiving(bool bUnreceiving) TS_REQUIRES(m_cs);
   static size_t Cost(uint32_t uiLength) { return uiLength + kRecordBytes; }
 
@@ -130,6 +136,10 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   EState m_eState TS_GUARDED_BY(m_cs) = EState::Out;
   GUID m_guid TS_GUARDED_BY(m_cs);
   std::shared_ptr<CBusLink> m_pLink TS_GUARDED_BY(m_cs);  // null: this process only
+  // Wakes a dispatcher that waits at the connection. Made with the first connection, then constant; -1: the
+  // I/O thread reads it, as for every component with several dispatchers.
+  int m_iWake = -1;
+  bool m_bServing TS_GUARDED_BY(m_cs) = false;  // the dispatcher waits there
   std::unordered_map<uint32_t, IMRReceiveComplete*> m_receivers TS_GUARDED_BY(m_cs);
   CBusQueue m_queue TS_GUARDED_BY(m_cs);
   size_t m_uQueuedMessages TS_GUARDED_BY(m_cs) = 0;

@@ -117,6 +117,7 @@ void CBusLink::OnReady() {
     m_strUniqueName = pszUnique != nullptr ? pszUnique : "";
     pthread_cond_broadcast(&m_condState);
   }
+  MayServe(!m_bClosing.load());
 }
 
 void CBusLink::OnRefused(uint32_t uiResult) {
@@ -180,10 +181,14 @@ void CBusLink::OnOwnerGone(const char* pszOwner) {
 
 void CBusLink::Work(uint64_t u64NowNs) {
   const bool bClosing = m_bClosing.load();  // read first: what was queued before it is taken below
+  if (bClosing) {
+    MayServe(false);
+    Unserve();
+  }
   TakeQueued();
   if (Bus() != nullptr) {
     SyncTypes();
-    WriteOut();
+    WriteOut(SIZE_MAX);
     ExpireHeld(u64NowNs);
   }
   if (!bClosing)
@@ -203,6 +208,10 @@ void CBusLink::Work(uint64_t u64NowNs) {
     m_bReleasing = true;
     ReleaseName(&OnReleased);
   }
+}
+
+void CBusLink::OnUnserved() {
+  m_pEndpoint->Interrupt();
 }
 
 uint64_t CBusLink::WorkDueNs() {

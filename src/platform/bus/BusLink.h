@@ -5,8 +5,12 @@
 // are given to the daemon up to a window; the rest waits, so that a target that never replies costs the
 // sender its own calls only, and not the daemon's slots for replies of this connection.
 //
-// Threads: Push, Complete, Refuse, DropBaton, the budgets, TypesChanged, Close and Outcome any; the rest is
-// the I/O thread's. The lock is never held together with another nor over a call into sd-bus.
+// Who sends or replies writes itself when the connection is free. The component's dispatcher, when it has
+// one, reads the connection while it waits for work; while it is busy, the I/O thread does.
+//
+// Threads: Push, Complete, Refuse, DropBaton, the budgets, TypesChanged, Close and WaitOutcome any; the rest
+// belongs to whoever has the connection's turn. The lock is never held together with another nor over a call
+// into sd-bus.
 #pragma once
 
 #include <pthread.h>
@@ -95,7 +99,9 @@ class CBusLink final : public CBusWire, public IBusPeer {
   void OnRefused(uint32_t uiResult) override TS_EXCLUDES(m_cs);
   void OnLost(const char* pszReason) override TS_EXCLUDES(m_cs);
   void OnOwnerGone(const char* pszOwner) override;
+  void OnUnserved() override;
   void Work(uint64_t u64NowNs) override;
+  bool WriteSome() noexcept override TS_EXCLUDES(m_cs);
   uint64_t WorkDueNs() override;
 
   // Outgoing (BusLinkSend.cpp).
@@ -103,7 +109,7 @@ class CBusLink final : public CBusWire, public IBusPeer {
   static size_t Cost(uint32_t uiLength) { return uiLength + kRecordBytes; }
   void Kick();
   void TakeQueued() TS_EXCLUDES(m_cs);
-  void WriteOut();
+  void WriteOut(size_t uMost);
   void WriteMessage(std::unique_ptr<CBusMessage> pMessage);
   void SendNow(CBusMessage& message, CBusRemoteTarget& target);
   static bool WindowIsFull(const CBusRemoteTarget& target, uint32_t uiLength);
@@ -158,14 +164,13 @@ class CBusLink final : public CBusWire, public IBusPeer {
   bool m_bUp TS_GUARDED_BY(m_cs) = false;
   bool m_bClosed TS_GUARDED_BY(m_cs) = false;
   uint32_t m_uiRefused TS_GUARDED_BY(m_cs) = 0;
-  bool m_bKicked TS_GUARDED_BY(m_cs) = false;
   CBusQueue m_queued TS_GUARDED_BY(m_cs);
   std::string m_strUniqueName TS_GUARDED_BY(m_cs);
   // Changes of the receivers are numbered: asked for, and told to the daemon.
   uint64_t m_u64TypesAsked TS_GUARDED_BY(m_cs) = 0;
   uint64_t m_u64TypesKnown TS_GUARDED_BY(m_cs) = 0;
 
-  // The I/O thread's.
+  // The turn's.
   CBusQueue m_ready;
   CCalls m_flights;
   CCalls m_held;

@@ -204,6 +204,7 @@ void CBusLink::SyncTypes() {
   if (m_u64TypesSent == u64Asked && !std::exchange(m_bTypesStale, false))
     return;
   m_u64TypesSent = u64Asked;
+  Unserve();  // whoever changed them waits for the daemon's word, maybe on the very thread that serves
   std::set<uint32_t> wanted;
   for (const uint32_t uiType : m_pEndpoint->Types())
     wanted.insert(uiType);

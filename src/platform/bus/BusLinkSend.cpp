@@ -1,5 +1,6 @@
 // What a component sends to other processes.
 #include <algorithm>
+#include <cerrno>
 #include <exception>
 #include <utility>
 
@@ -16,6 +17,7 @@ namespace {
 // them.
 constexpr size_t kWindowCalls = 256;
 constexpr size_t kWindowBytes = 8u << 20;
+constexpr size_t kWritesPerSend = 16;  // by one component's thread at a time; others may have queued more
 constexpr uint64_t kNoTimeout = UINT64_MAX;  // deadlines are the component's; the daemon has one of its own
 
 bool IsDead(const CBusItem& item) {
@@ -29,7 +31,6 @@ bool IsDead(const CBusItem& item) {
 
 uint32_t CBusLink::Push(std::unique_ptr<CBusMessage> pMessage) {
   const size_t uCost = Cost(pMessage->uiLength);
-  bool bKick = false;
   uint32_t uiResult = 0;
   {
     CCritLock lock(m_cs);
@@ -39,29 +40,24 @@ uint32_t CBusLink::Push(std::unique_ptr<CBusMessage> pMessage) {
       uiResult = kBusErrNoTarget;
     else if (!Reserve(uCost))
       uiResult = kBusErrBusy;
-    if (uiResult == 0) {
+    if (uiResult == 0)
       m_queued.Push(*pMessage.release());
-      bKick = !std::exchange(m_bKicked, true);
-    }
   }
   if (uiResult == kBusErrBusy)
     m_figures.u64Busy.fetch_add(1, std::memory_order_relaxed);
-  if (bKick)
-    Kick();
+  if (uiResult == 0)
+    Write();
   return uiResult;
 }
 
 bool CBusLink::Queue(CBusItem& item) {
-  bool bKick = false;
   {
     CCritLock lock(m_cs);
     if (!m_bUp)
       return false;
     m_queued.Push(item);
-    bKick = !std::exchange(m_bKicked, true);
   }
-  if (bKick)
-    Kick();
+  Write();
   return true;
 }
 
@@ -115,22 +111,33 @@ void CBusLink::Refuse(CBusCall& call, uint32_t uiStatus) {
 
 void CBusLink::TakeQueued() {
   CCritLock lock(m_cs);
-  m_bKicked = false;
   m_ready.Append(m_queued);
 }
 
-void CBusLink::WriteOut() {
-  while (!m_ready.IsEmpty() && IsReady() && CanWrite()) {
+bool CBusLink::WriteSome() noexcept {
+  if (Bus() == nullptr)
+    return false;
+  TakeQueued();
+  WriteOut(kWritesPerSend);
+  return !m_ready.IsEmpty() && IsReady() && CanWrite();
+}
+
+void CBusLink::WriteOut(size_t uMost) {
+  for (; uMost > 0 && !m_ready.IsEmpty() && IsReady() && CanWrite(); --uMost) {
     CBusItem* pItem = m_ready.Pop();
     if (pItem->eKind == CBusItem::EKind::Message) {
       WriteMessage(std::unique_ptr<CBusMessage>(static_cast<CBusMessage*>(pItem)));
       continue;
     }
     CBusRef<CBusCall> call(static_cast<CBusCall*>(pItem));
-    if (call->pTarget.get() == static_cast<IBusPeer*>(this))
-      WriteCancel(*call);
-    else
+    if (call->pTarget.get() != static_cast<IBusPeer*>(this)) {
       WriteReply(std::move(call));
+      continue;
+    }
+    try {
+      WriteCancel(*call);
+    } catch (const std::exception&) {  // no memory: the daemon's slot stays until the target answers
+    }
   }
 }
 
@@ -158,23 +165,35 @@ bool CBusLink::WindowIsFull(const CBusRemoteTarget& target, uint32_t uiLength) {
 }
 
 void CBusLink::WriteMessage(std::unique_ptr<CBusMessage> pMessage) {
-  if (pMessage->guidTo == GUID()) {
-    SendBroadcast(*pMessage);  // best effort
+  CBusRemoteTarget* pTarget = nullptr;
+  try {
+    if (pMessage->guidTo == GUID())
+      SendBroadcast(*pMessage);  // best effort
+    else
+      pTarget = &TargetOf(pMessage->guidTo);
+  } catch (const std::exception&) {
+    if (pMessage->call)
+      EndCall(*pMessage->call, kBusErrBusy);
+  }
+  if (pTarget == nullptr) {
     Released(Cost(pMessage->uiLength));
     return;
   }
-  CBusRemoteTarget& target = TargetOf(pMessage->guidTo);
   if (pMessage->call)
-    pMessage->call->pRemoteTarget = &target;
-  if (!target.waiting.IsEmpty() || (pMessage->call && WindowIsFull(target, pMessage->uiLength)))
-    target.waiting.Push(*pMessage.release());
+    pMessage->call->pRemoteTarget = pTarget;
+  if (!pTarget->waiting.IsEmpty() || (pMessage->call && WindowIsFull(*pTarget, pMessage->uiLength)))
+    pTarget->waiting.Push(*pMessage.release());
   else
-    SendNow(*pMessage, target);
+    SendNow(*pMessage, *pTarget);
 }
 
 void CBusLink::SendNow(CBusMessage& message, CBusRemoteTarget& target) {
   if (!IsDead(message)) {
-    const int iResult = SendCall(message, target);
+    int iResult = -ENOMEM;
+    try {
+      iResult = SendCall(message, target);
+    } catch (const std::exception&) {
+    }
     if (iResult < 0 && message.call)
       EndCall(*message.call, BusResultOfErrno(iResult));
   }

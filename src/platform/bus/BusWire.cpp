@@ -42,6 +42,13 @@ CBusWire::~CBusWire() {
 void CBusWire::Turn(uint64_t u64NowNs) {
   if (m_bEnded)
     return;
+  m_turn.Take();
+  TurnHeld(u64NowNs);
+  Publish(true);
+  GiveTurn();
+}
+
+void CBusWire::TurnHeld(uint64_t u64NowNs) {
   if (m_bStop.load()) {
     End("stopped");
     return;
@@ -49,9 +56,23 @@ void CBusWire::Turn(uint64_t u64NowNs) {
   if (m_pBus == nullptr && u64NowNs >= m_u64RetryNs)
     Open(u64NowNs);
   Work(u64NowNs);
+  Process();
+  if (m_pBus != nullptr && u64NowNs >= m_u64SetupDueNs)
+    Fail("the daemon does not answer");
+  if (m_pBus != nullptr && !m_strFailure.empty())
+    Shut(std::exchange(m_strFailure, std::string()).c_str());
+  if (m_pBus == nullptr)
+    return;
+  Work(u64NowNs);
+  if (m_pBus != nullptr)
+    Watch();
+}
+
+void CBusWire::Process() {
   for (int i = 0; m_pBus != nullptr && m_strFailure.empty(); ++i) {
     if (i == kMessagesPerTurn) {
-      m_carrier.Ready(shared_from_this());
+      if (m_eServe.load() == EServe::No)
+        m_carrier.Ready(shared_from_this());
       break;
     }
     const int iResult = sd_bus_process(m_pBus, nullptr);
@@ -60,30 +81,31 @@ void CBusWire::Turn(uint64_t u64NowNs) {
     if (iResult <= 0)
       break;
   }
-  if (m_pBus != nullptr && u64NowNs >= m_u64SetupDueNs)
-    Fail("the daemon does not answer");
-  if (m_pBus != nullptr && !m_strFailure.empty())
-    Shut(std::exchange(m_strFailure, std::string()).c_str());
-  if (m_pBus == nullptr)
-    return;
-  Work(u64NowNs);
-  Watch();
+}
+
+// The I/O thread sleeps until the time that was published last. What it works out itself is exact; others
+// only ever bring it forward, and wake it then.
+void CBusWire::Publish(bool bExact) {
+  uint64_t u64DueNs = kNever;
+  if (!m_bEnded && m_pBus == nullptr) {
+    u64DueNs = std::min(m_u64RetryNs, WorkDueNs());
+  } else if (!m_bEnded) {
+    uint64_t u64Us = UINT64_MAX;
+    if (sd_bus_get_timeout(m_pBus, &u64Us) < 0 || u64Us > UINT64_MAX / 1000)
+      u64Us = UINT64_MAX / 1000;
+    u64DueNs = std::min({u64Us * 1000, m_u64SetupDueNs, WorkDueNs()});
+  }
+  if (bExact) {
+    m_u64DueNs.store(u64DueNs);
+  } else if (u64DueNs < m_u64DueNs.load()) {
+    m_u64DueNs.store(u64DueNs);
+    m_carrier.Ready(shared_from_this());
+  }
 }
 
 void CBusWire::Stop() {
   m_bStop.store(true);
   m_carrier.Ready(shared_from_this());
-}
-
-uint64_t CBusWire::NextNs() {
-  if (m_bEnded)
-    return kNever;
-  if (m_pBus == nullptr)
-    return std::min(m_u64RetryNs, WorkDueNs());
-  uint64_t u64Us = UINT64_MAX;
-  if (sd_bus_get_timeout(m_pBus, &u64Us) < 0 || u64Us > UINT64_MAX / 1000)
-    u64Us = UINT64_MAX / 1000;
-  return std::min({u64Us * 1000, m_u64SetupDueNs, WorkDueNs()});
 }
 
 bool CBusWire::HasPeer(const GUID& guid) {
@@ -151,7 +173,8 @@ int CBusWire::Call(const char* pszDestination, const char* pszPath, const char* 
 
 void CBusWire::Watch() {
   const int iEvents = sd_bus_get_events(m_pBus);
-  const uint32_t uiEvents = EPOLLIN | (iEvents >= 0 && (iEvents & EPOLLOUT) != 0 ? EPOLLOUT : 0u);
+  const uint32_t uiEvents = (m_eServe.load() == EServe::No ? EPOLLIN : 0u) |
+                            (iEvents >= 0 && (iEvents & EPOLLOUT) != 0 ? EPOLLOUT : 0u);
   if (uiEvents == m_uiEvents)
     return;
   m_uiEvents = uiEvents;
@@ -169,6 +192,8 @@ void CBusWire::Shut(const char* pszReason) {
   m_strFailure.clear();
   m_u64SetupDueNs = kNever;
   m_u64RetryNs = BusNowNs() + m_u64PauseNs;
+  m_bMayServe.store(false);
+  m_eServe.store(EServe::No);
   {
     CCritLock lock(m_cs);
     m_owners.Clear();
@@ -178,6 +203,7 @@ void CBusWire::Shut(const char* pszReason) {
     m_carrier.RemoveFd(std::exchange(m_iFd, -1));
   if (m_pBus != nullptr)
     sd_bus_close_unref(std::exchange(m_pBus, nullptr));
+  OnUnserved();  // a thread that waits for it would keep the socket open
 }
 
 void CBusWire::End(const char* pszReason) {

@@ -1,8 +1,9 @@
 // One connection to the D-Bus daemon: opens it, keeps it open with a growing pause between attempts, knows
 // who owns which component name, and asks for a name of its own.
 //
-// Threads: everything on the bus's I/O thread, except where said. sd-bus objects never leave that thread.
-// Owned by the carrier.
+// Threads: whoever has the turn (BusTurn.h), which is what all members and hooks without another word belong
+// to. Opening, closing and deadlines are the I/O thread's; a component's threads may write to a connection
+// that is ready, and one may watch it instead of the I/O thread (Serve). Owned by the carrier.
 #pragma once
 
 #include <systemd/sd-bus.h>
@@ -14,6 +15,7 @@
 #include <string>
 
 #include "platform/bus/BusOwners.h"
+#include "platform/bus/BusTurn.h"
 #include "platform/os/ZxCritSec.h"
 
 class CBusCarrier;
@@ -33,14 +35,22 @@ class CBusWire : public std::enable_shared_from_this<CBusWire> {
   CBusWire(const CBusWire&) = delete;
   CBusWire& operator=(const CBusWire&) = delete;
 
-  // Reads, writes and dispatches what is due, without blocking.
-  void Turn(uint64_t u64NowNs) TS_EXCLUDES(m_cs);
-  // When Turn wants to be called at the latest.
-  uint64_t NextNs();
-  // Over for good; the carrier lets go of it.
+  // The I/O thread: reads, writes and dispatches what is due, without blocking.
+  void Turn(uint64_t u64NowNs) TS_EXCLUDES(m_cs, m_turn);
+  // Any thread: when Turn wants to be called at the latest. May lag behind, towards too early.
+  uint64_t NextNs() const { return m_u64DueNs.load(); }
+  // The I/O thread: over for good; the carrier lets go of it.
   bool HasEnded() const { return m_bEnded; }
   // Any thread: ends the connection at its next turn.
   void Stop();
+  // The I/O thread, some time after ScheduleSweep: a server that has been away since the last sweep loses the
+  // watch. True: look again.
+  bool Sweep() TS_EXCLUDES(m_turn);
+
+  // One thread other than the I/O thread: watches the connection instead of it, reads what comes until
+  // something came, u64DueNs is reached or iWake becomes readable, then returns. The watch stays with this
+  // thread, which comes back soon; if it does not, the I/O thread takes over. False: not possible now.
+  bool Serve(int iWake, uint64_t u64DueNs) TS_EXCLUDES(m_cs, m_turn);
 
   // Any thread: whether the far side is known to own the GUID.
   bool HasPeer(const GUID& guid) TS_EXCLUDES(m_cs);
@@ -54,8 +64,17 @@ class CBusWire : public std::enable_shared_from_this<CBusWire> {
   virtual void OnLost(const char* /*pszReason*/) {}
   virtual void OnOwnerNew(const char* /*pszOwner*/) {}
   virtual void OnOwnerGone(const char* /*pszOwner*/) {}
+  virtual void OnUnserved() {}  // a thread that waits in Serve is to come out
   virtual void Work(uint64_t /*u64NowNs*/) {}
   virtual uint64_t WorkDueNs() { return kNever; }
+  // Writes what is queued; on any thread, so a bounded number. True: the rest is for the I/O thread.
+  virtual bool WriteSome() noexcept { return false; }
+
+  // Any thread: what was queued is written by this thread, or by the one that has the turn.
+  void Write() TS_EXCLUDES(m_cs, m_turn);
+  // The watch goes back to the I/O thread until the server asks for it again.
+  void Unserve() { m_eServe.store(EServe::No); }
+  void MayServe(bool bMay) { m_bMayServe.store(bMay); }
 
   sd_bus* Bus() const { return m_pBus; }
   bool IsReady() const { return m_bReady; }
@@ -75,6 +94,15 @@ class CBusWire : public std::enable_shared_from_this<CBusWire> {
   CBusOwners m_owners TS_GUARDED_BY(m_cs);
 
  private:
+  enum class EServe : uint32_t { No, Waiting, Away };
+
+  void TurnHeld(uint64_t u64NowNs) TS_REQUIRES(m_turn) TS_EXCLUDES(m_cs);
+  void Process();
+  void Publish(bool bExact);
+  void GiveTurn() TS_RELEASE(m_turn);
+  void WriteHeld() TS_REQUIRES(m_turn);
+  bool BeginServe() TS_EXCLUDES(m_turn);
+  void ReadTurn() TS_EXCLUDES(m_turn);
   void Open(uint64_t u64NowNs);
   int Begin();
   void Watch();
@@ -94,6 +122,14 @@ class CBusWire : public std::enable_shared_from_this<CBusWire> {
   bool m_bReady = false;
   bool m_bEnded = false;
   std::atomic<bool> m_bStop{false};
+  std::atomic<uint64_t> m_u64DueNs{0};
+  CBusTurn m_turn;
+
+  std::atomic<bool> m_bMayServe{false};
+  std::atomic<EServe> m_eServe{EServe::No};  // to and from No with the turn only
+  std::atomic<uint32_t> m_uiServed{0};       // times that the server went away
+  uint32_t m_uiSwept = 0;                    // the same, at the last sweep; the I/O thread's
+  int m_iServedFd = -1;                      // the server's
   std::string m_strFailure;  // a handler's reason to close; acted upon when sd-bus has returned
   std::map<uint64_t, GUID> m_asked;
   uint64_t m_u64RetryNs = 0;

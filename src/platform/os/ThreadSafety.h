@@ -14,6 +14,7 @@
 #define TS_REQUIRES(...) TS_ATTRIBUTE(requires_capability(__VA_ARGS__))
 #define TS_EXCLUDES(...) TS_ATTRIBUTE(locks_excluded(__VA_ARGS__))
 #define TS_ACQUIRE(...) TS_ATTRIBUTE(acquire_capability(__VA_ARGS__))
+#define TS_TRY_ACQUIRE(...) TS_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
 #define TS_RELEASE(...) TS_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TS_ASSERT(x) TS_ATTRIBUTE(assert_capability(x))
 #define TS_NO_ANALYSIS TS_ATTRIBUTE(no_thread_safety_analysis)
