@@ -100,7 +100,7 @@ struct CBusCall : CBusItem {
 
   uint64_t u64Baton = 0;  // guarded by the target's lock; 0: none
 
-  // Calls to or from another process, guarded by the I/O thread of the bus: the list of its connection, the
+  // Calls to or from another process, belonging to the connection's turn: the list of its connection, the
   // serial under which a call was sent or arrived, and the message to answer.
   CBusCall* pPrevRemote = nullptr;
   CBusCall* pNextRemote = nullptr;
