@@ -10,14 +10,13 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "support/Argv.h"
+
 CChild::CChild(const std::vector<std::string>& args, uid_t uid) {
   int in[2], out[2];
   if (pipe2(in, O_CLOEXEC) != 0 || pipe2(out, O_CLOEXEC) != 0)
     std::abort();
-  std::vector<char*> argv;
-  for (const auto& str : args)
-    argv.push_back(const_cast<char*>(str.c_str()));
-  argv.push_back(nullptr);
+  const std::vector<char*> argv = ArgvOf(args);
   m_pid = fork();
   if (m_pid == 0) {
     dup2(in[0], STDIN_FILENO);
