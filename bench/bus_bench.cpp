@@ -10,6 +10,7 @@
 #include <string>
 #include <thread>
 
+#include "BusWindow.h"
 #include "platform/bus/zxbus.h"
 
 namespace {
@@ -83,67 +84,18 @@ class CEcho final : public IMRReceiveComplete {
   const std::string m_strReply = std::string(kReplyBytes, 'r');
 };
 
-// Keeps the window full from its completions, as a component that works through a list does.
-class CAsker final : public IMRSendComplete {
- public:
-  CAsker(IBusContext* pBus, const GUID& guidTarget, size_t uBytes)
-      : m_pBus(pBus), m_guidTarget(guidTarget), m_strRequest(uBytes, 'q') {}
-
-  void Run(int iWindow) {
-    m_iSent = iWindow;
-    m_iDone = 0;
-    for (int i = 0; i < iWindow; ++i)
-      Send();
-    std::unique_lock lock(m_mutex);
-    m_cond.wait(lock, [this] { return m_bEnd; });
-    m_bEnd = false;
-  }
-  bool Failed() const { return m_bFailed; }
-
- private:
-  void SendCallback(unsigned int iRetReply, long, const unsigned char* pResponse, unsigned int,
-                    unsigned long long, void*) override {
-    benchmark::DoNotOptimize(pResponse);
-    m_bFailed = m_bFailed || iRetReply != 0;
-    if (++m_iDone == kRequests) {
-      const std::lock_guard lock(m_mutex);
-      m_bEnd = true;
-      m_cond.notify_one();
-    } else if (m_iSent < kRequests) {
-      ++m_iSent;
-      Send();
-    }
-  }
-  void Send() {
-    unsigned long long ui64ACT = 0;
-    if (m_pBus->AsynSendEx(&m_guidTarget, 1, m_strRequest.data(), static_cast<uint32_t>(m_strRequest.size()),
-                           this, nullptr, &ui64ACT, 60000) != 0)
-      std::abort();
-  }
-
-  IBusContext* const m_pBus;
-  const GUID m_guidTarget;
-  const std::string m_strRequest;
-  std::atomic<int> m_iSent{0};
-  int m_iDone = 0;  // the dispatcher's thread, between two batches nobody's
-  bool m_bFailed = false;
-  bool m_bEnd = false;
-  std::mutex m_mutex;
-  std::condition_variable m_cond;
-};
-
 void Bus_RequestReply(benchmark::State& state) {
   const GUID guidAsker("00000001-0000-4000-8000-000000000001");
   const GUID guidEcho("00000002-0000-4000-8000-000000000002");
   IBusContext* pAsker = ZxBusCreateContext();
   IBusContext* pEcho = ZxBusCreateContext();
   CEcho echo;
-  CAsker asker(pAsker, guidEcho, static_cast<size_t>(state.range(1)));
+  CBusWindow asker(pAsker, guidEcho, static_cast<size_t>(state.range(1)));
   if (pAsker->Initialize(&guidAsker) != 0 || pEcho->Initialize(&guidEcho) != 0 ||
       pEcho->Receive(1, &echo) != 0)
     state.SkipWithError("no bus");
   for (auto _ : state)
-    asker.Run(static_cast<int>(state.range(0)));
+    asker.Run(static_cast<int>(state.range(0)), kRequests);
   if (asker.Failed())
     state.SkipWithError("a request failed");
   ZxBusDestroyContext(pAsker);

@@ -2,27 +2,20 @@
 // bare sd-bus programs that carry the same bytes over the same daemon. One batch = kRequests pairs (or
 // broadcasts).
 //   bench_dbus [google-benchmark options]         starts the daemon and, for each case, the other processes
-//   bench_dbus --peer bus|bare ADDRESS NUMBER     one of them
+//   bench_dbus --peer bus|bare|flood ADDRESS NUMBER     one of them
 #include <benchmark/benchmark.h>
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/prctl.h>
-#include <sys/wait.h>
 #include <systemd/sd-bus.h>
 #include <unistd.h>
 
-#include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <memory>
-#include <mutex>
 #include <string>
-#include <thread>
 #include <vector>
 
-#include "platform/bus/zxbus.h"
+#include "DbusBench.h"
 
 namespace {
 
@@ -30,97 +23,14 @@ constexpr size_t kReplyBytes = 256;
 constexpr int kReceivers = 4;
 constexpr char kInterface[] = "com.zxagent.bus1.Component";
 constexpr char kPath[] = "/com/zxagent/bus1/type/1";
-constexpr char kAskerGuid[] = "00000001-0000-4000-8000-000000000001";
-
-std::string g_strSelf, g_strAddress;
-
 int BatchOf(int64_t i64Bytes) {
   return i64Bytes >= 1 << 20 ? 50 : 1000;
-}
-
-GUID PeerGuid(int iNumber) {
-  GUID guid("00000002-0000-4000-8000-000000000000");
-  guid.Data4[7] = static_cast<uint8_t>(iNumber);
-  return guid;
 }
 
 std::string NameOf(int iNumber) {
   char sz[64];
   std::snprintf(sz, sizeof(sz), "com.zxagent.bus1.c.g000000020000400080000000000000%02x", iNumber);
   return sz;
-}
-
-// A program of this bench, with a pipe that says when it is there.
-class CProcess {
- public:
-  explicit CProcess(const std::vector<std::string>& args) {
-    int out[2];
-    if (pipe2(out, O_CLOEXEC) != 0)
-      std::abort();
-    std::vector<char*> argv;
-    for (const auto& str : args)
-      argv.push_back(const_cast<char*>(str.c_str()));
-    argv.push_back(nullptr);
-    m_pid = fork();
-    if (m_pid == 0) {
-      dup2(out[1], STDOUT_FILENO);
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      execvp(argv[0], argv.data());
-      _exit(127);
-    }
-    close(out[1]);
-    char ch = 0;
-    if (read(out[0], &ch, 1) != 1)
-      std::fprintf(stderr, "%s does not start\n", args[0].c_str());
-    m_iOut = out[0];
-  }
-  ~CProcess() {
-    kill(m_pid, SIGKILL);
-    waitpid(m_pid, nullptr, 0);
-    close(m_iOut);
-  }
-  CProcess(const CProcess&) = delete;
-  CProcess& operator=(const CProcess&) = delete;
-
- private:
-  pid_t m_pid = -1;
-  int m_iOut = -1;
-};
-
-void SayReady() {
-  std::printf("ready\n");
-  std::fflush(stdout);
-}
-
-// The other side on the component bus: answers requests, and counts broadcasts until their last.
-class CBusPeer final : public IMRReceiveComplete {
- public:
-  void ReceiveCallback(const GUID&, long i64MsgType, const unsigned char* pData, unsigned int uiDataLength,
-                       void* pBatonData, void* pContext) override {
-    auto* pBus = static_cast<IBusContext*>(pContext);
-    if (pBatonData != nullptr) {
-      pBus->Reply(0, i64MsgType, m_strReply.data(), kReplyBytes, pBatonData);
-    } else if (uiDataLength > 0 && pData[0] == 'l') {
-      const GUID guidAsker(kAskerGuid);
-      pBus->AsynSendEx(&guidAsker, 2, "", 0, nullptr, nullptr, nullptr, 0);
-    }
-  }
-
- private:
-  const std::string m_strReply = std::string(kReplyBytes, 'r');
-};
-
-int RunBusPeer(const char* pszAddress, int iNumber) {
-  ZxBusConnectSettings settings;
-  settings.pszAddress = pszAddress;
-  const GUID guid = PeerGuid(iNumber);
-  IBusContext* pBus = ZxBusCreateContext();
-  CBusPeer peer;
-  if (ZxBusConnect(&settings) != 0 || pBus->Initialize(&guid) != 0 || pBus->Receive(1, &peer) != 0)
-    return 1;
-  SayReady();
-  for (;;)
-    pause();
 }
 
 int OnBareSend(sd_bus_message* pMessage, void*, sd_bus_error*) {
@@ -216,7 +126,7 @@ struct CBareAsker {
 };
 
 void Dbus_Bare_Floor(benchmark::State& state) {
-  const CProcess peer({g_strSelf, "--peer", "bare", g_strAddress, "1"});
+  const auto peer = MakePeer("bare", 1);
   CBareAsker asker;
   asker.pBus = OpenBare(g_strAddress.c_str(), "com.zxagent.bus1.c.asker");
   asker.strName = NameOf(1);
@@ -238,8 +148,7 @@ void DbusBroadcast_Bare_Floor(benchmark::State& state) {
       SD_BUS_VTABLE_END};
   std::vector<std::unique_ptr<CProcess>> peers;
   for (int i = 1; i <= kReceivers; ++i)
-    peers.push_back(std::make_unique<CProcess>(
-        std::vector<std::string>{g_strSelf, "--peer", "bare", g_strAddress, std::to_string(i)}));
+    peers.push_back(MakePeer("bare", i));
   CBareAsker asker;
   asker.pBus = OpenBare(g_strAddress.c_str(), "com.zxagent.bus1.c.asker");
   sd_bus_add_object_vtable(asker.pBus, nullptr, kPath, kInterface, s_vtable, &asker);
@@ -261,90 +170,26 @@ void DbusBroadcast_Bare_Floor(benchmark::State& state) {
   state.SetItemsProcessed(state.iterations() * iBatch);
 }
 
-// The asking side on the component bus.
-class CAsker final : public IMRSendComplete, public IMRReceiveComplete {
+// The asking side on the component bus: counts the reports of those that got the last broadcast.
+class CReports final : public IMRReceiveComplete {
  public:
-  explicit CAsker(size_t uBytes) : m_strRequest(uBytes, 'q') {
-    ZxBusConnectSettings settings;
-    settings.pszAddress = g_strAddress.c_str();
-    settings.uiMaxSendBytes = 128u << 20;
-    const GUID guid(kAskerGuid);
-    m_pBus = ZxBusCreateContext();
-    if (ZxBusConnect(&settings) != 0 || m_pBus->Initialize(&guid) != 0 || m_pBus->Receive(2, this) != 0)
-      std::abort();
+  explicit CReports(CBusWindow& window) : m_window(window) {}
+  void ReceiveCallback(const GUID&, long, const unsigned char*, unsigned int, void*, void*) override {
+    m_window.OneDone();
   }
-  ~CAsker() override {
-    ZxBusDestroyContext(m_pBus);
-    ZxBusDisconnect();
-  }
-  void Ask(int iWindow, int iBatch) {
-    m_iBatch = iBatch;
-    m_iSent = iWindow;
-    m_iDone = 0;
-    for (int i = 0; i < iWindow; ++i)
-      Send();
-    WaitEnd();
-  }
-  void Broadcast(int iBatch) {
-    m_iBatch = kReceivers;
-    m_iSent = kReceivers;  // nothing follows their reports
-    m_iDone = 0;
-    for (int i = 1; i <= iBatch; ++i) {
-      m_strRequest[0] = i == iBatch ? 'l' : 'b';
-      m_pBus->BroadcastSend(1, m_strRequest.data(), static_cast<uint32_t>(m_strRequest.size()));
-    }
-    WaitEnd();
-  }
-  bool Failed() const { return m_bFailed; }
 
  private:
-  void SendCallback(unsigned int iRetReply, long, const unsigned char* pResponse, unsigned int,
-                    unsigned long long, void*) override {
-    benchmark::DoNotOptimize(pResponse);
-    m_bFailed = m_bFailed || iRetReply != 0;
-    OneDone();
-  }
-  void ReceiveCallback(const GUID&, long, const unsigned char*, unsigned int, void*, void*) override {
-    OneDone();
-  }
-  void OneDone() {
-    if (++m_iDone == m_iBatch) {
-      const std::lock_guard lock(m_mutex);
-      m_bEnd = true;
-      m_cond.notify_one();
-    } else if (m_iSent < m_iBatch) {
-      ++m_iSent;
-      Send();
-    }
-  }
-  void Send() {
-    const GUID guid = PeerGuid(1);
-    if (m_pBus->AsynSendEx(&guid, 1, m_strRequest.data(), static_cast<uint32_t>(m_strRequest.size()), this,
-                           nullptr, nullptr, 60000) != 0)
-      std::abort();
-  }
-  void WaitEnd() {
-    std::unique_lock lock(m_mutex);
-    m_cond.wait(lock, [this] { return m_bEnd; });
-    m_bEnd = false;
-  }
-
-  std::string m_strRequest;
-  IBusContext* m_pBus = nullptr;
-  std::atomic<int> m_iSent{0}, m_iBatch{0}, m_iDone{0};
-  std::atomic<bool> m_bFailed{false};
-  bool m_bEnd = false;
-  std::mutex m_mutex;
-  std::condition_variable m_cond;
+  CBusWindow& m_window;
 };
 
 void Dbus_RequestReply(benchmark::State& state) {
-  const CProcess peer({g_strSelf, "--peer", "bus", g_strAddress, "1"});
-  CAsker asker(static_cast<size_t>(state.range(1)));
+  const auto peer = MakePeer("bus", 1);
+  const CJoined own;
+  CBusWindow window(own.Bus(), PeerGuid(1), static_cast<size_t>(state.range(1)));
   const int iBatch = BatchOf(state.range(1));
   for (auto _ : state)
-    asker.Ask(static_cast<int>(state.range(0)), iBatch);
-  if (asker.Failed())
+    window.Run(static_cast<int>(state.range(0)), iBatch);
+  if (window.Failed())
     state.SkipWithError("a request failed");
   state.SetItemsProcessed(state.iterations() * iBatch);
 }
@@ -352,12 +197,22 @@ void Dbus_RequestReply(benchmark::State& state) {
 void DbusBroadcast_ToFour(benchmark::State& state) {
   std::vector<std::unique_ptr<CProcess>> peers;
   for (int i = 1; i <= kReceivers; ++i)
-    peers.push_back(std::make_unique<CProcess>(
-        std::vector<std::string>{g_strSelf, "--peer", "bus", g_strAddress, std::to_string(i)}));
-  CAsker asker(static_cast<size_t>(state.range(0)));
+    peers.push_back(MakePeer("bus", i));
+  const CJoined own;
+  CBusWindow window(own.Bus(), PeerGuid(1), 0);
+  CReports reports(window);
+  if (own.Bus()->Receive(2, &reports) != 0)
+    state.SkipWithError("no bus");
+  std::string strData(static_cast<size_t>(state.range(0)), 'b');
   const int iBatch = 200;
-  for (auto _ : state)
-    asker.Broadcast(iBatch);
+  for (auto _ : state) {
+    window.Begin(kReceivers, kReceivers);
+    for (int i = 1; i <= iBatch; ++i) {
+      strData[0] = i == iBatch ? 'l' : 'b';
+      own.Bus()->BroadcastSend(1, strData.data(), static_cast<uint32_t>(strData.size()));
+    }
+    window.WaitEnd();
+  }
   state.SetItemsProcessed(state.iterations() * iBatch);
 }
 
@@ -384,12 +239,17 @@ constexpr char kConfig[] = R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-
 <limit name="max_incoming_bytes">134217728</limit><limit name="max_replies_per_connection">4096</limit>
 </busconfig>)";
 
+int RunPeer(const std::string& strKind, const char* pszAddress, int iNumber) {
+  if (strKind == "bus")
+    return RunBusPeer(pszAddress, iNumber);
+  return strKind == "flood" ? RunFlood(pszAddress, iNumber) : RunBarePeer(pszAddress, iNumber);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
   if (argc == 5 && std::strcmp(argv[1], "--peer") == 0)
-    return std::strcmp(argv[2], "bus") == 0 ? RunBusPeer(argv[3], std::atoi(argv[4]))
-                                            : RunBarePeer(argv[3], std::atoi(argv[4]));
+    return RunPeer(argv[2], argv[3], std::atoi(argv[4]));
   char szDir[] = "/tmp/zxbusbench.XXXXXX";
   if (mkdtemp(szDir) == nullptr)
     return 1;
