@@ -173,8 +173,8 @@ TEST_F(DbusFailureTest, AKilledDaemonCompletesEverythingOnceAndTheServiceComesBa
     peer->Tell("send " + TextOf(own.Guid()) + " 9 3 60000 1");
     ASSERT_TRUE(receiver.Wait(uiRound));
     ASSERT_EQ(own->BroadcastSend(kNoted, "again", 5), 0u);
-    EXPECT_TRUE(EventuallyTrue(
-        [&] { return peer->Count("recv 3") == uiRound && peer->Count("done 7") == uiRound; }));
+    EXPECT_TRUE(
+        EventuallyTrue([&] { return peer->Count("recv 3") == uiRound && peer->Count("done 7") == uiRound; }));
     EXPECT_EQ(done.Count(), kCalls * uiRound);
   }
 }
