@@ -89,6 +89,7 @@ def cpu_and_switches(pid):
 
 def idle(build):
     with System(build) as system:
+        os.sync()       # pages of files just installed count as the process's dirty ones until they are on disk
         system.start_agent()
         pid = system.host_pid()
         time.sleep(3)   # what starting leaves behind settles
