@@ -7,9 +7,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iterator>
 #include <random>
 
+#include "SpoolBytes.h"
 #include "SpoolRig.h"
 #include "platform/cloud/SpoolCarver.h"
 
@@ -37,17 +37,6 @@ std::string Body(int i) {
 
 int NumberOf(const std::string& strBody) {
   return strBody.empty() || strBody[0] != '[' ? -1 : std::stoi(strBody.substr(1));
-}
-
-std::string Slurp(const std::string& strFile) {
-  std::ifstream file(strFile, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void Write(const std::string& strFile, const std::string& strData) {
-  std::ofstream file(strFile, std::ios::binary | std::ios::trunc);
-  file << strData;
-  ASSERT_TRUE(file.flush().good());
 }
 
 // What was done to the file: pages from uCut on are gone, some others have changed.

@@ -12,6 +12,7 @@
 #include <iterator>
 #include <random>
 
+#include "SpoolBytes.h"
 #include "SpoolRig.h"
 #include "platform/cloud/SpoolCarver.h"
 #include "platform/cloud/zxcloud.h"
@@ -20,17 +21,6 @@ using namespace zxcloud;
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string Slurp(const std::string& strFile) {
-  std::ifstream file(strFile, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
-
-void Write(const std::string& strFile, const std::string& strData) {
-  std::ofstream file(strFile, std::ios::binary | std::ios::trunc);
-  file << strData;
-  ASSERT_TRUE(file.flush().good());
-}
 
 // The files of a spool as they stand at one moment.
 struct _Snapshot {
