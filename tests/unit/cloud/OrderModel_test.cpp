@@ -8,6 +8,7 @@
 #include <array>
 #include <map>
 #include <tuple>
+#include <utility>
 
 #include "LongLinkFixture.h"
 
@@ -162,8 +163,11 @@ class CModel : public CLongLinkFixture {
     if (m_pTransport->bOpen && !m_link.IsUp())
       CLongLinkFixture::ComeUp(*m_pTransport);
     Turn();
-    if (m_pBulk->bOpen && !m_link.Status().bBulkUp)
-      CLongLinkFixture::ComeUp(*m_pBulk);
+    if (!m_pBulk->bOpen || m_link.Status().bBulkUp)
+      return;
+    See();  // what went while small and large were together
+    CLongLinkFixture::ComeUp(*m_pBulk);
+    ForgetTurns();
   }
 
   // Turns are counted anew when small and large uploads part or come together.
@@ -181,12 +185,15 @@ class CModel : public CLongLinkFixture {
       Turn(2);
     } while (m_pTransport->published.size() + m_pBulk->published.size() != uBefore && ++iTurns < kMostTurns);
     RC_ASSERT(iTurns < kMostTurns);
+    See();
+    for (int i = 0; i < kConnections; ++i)
+      SeeWhatWaits(i);
+  }
+  void See() {
     for (int i = 0; i < kConnections; ++i)
       SeeLoss(i);
     for (int i = 0; i < kConnections; ++i)
       SeePublished(i);
-    for (int i = 0; i < kConnections; ++i)
-      SeeWhatWaits(i);
   }
   void SeeLoss(int iConnection) {
     _Connection& connection = m_connections[static_cast<size_t>(iConnection)];
@@ -258,15 +265,18 @@ class CModel : public CLongLinkFixture {
     RC_ASSERT(connection.iFirstInARow <= 3);
     RC_ASSERT(connection.iSecondInARow <= 1);
   }
-  // Nothing that is urgent waits where there is room for it, and nothing at all where nothing is under way.
+  // The first of a priority does not wait where it is urgent and there is room for it; nothing waits at all
+  // where nothing is under way.
   void SeeWhatWaits(int iConnection) {
     const CFakeTransport& transport = Transport(iConnection);
     const bool bUp = transport.bOpen && (iConnection == 0 ? m_link.IsUp() : m_link.Status().bBulkUp);
     if (!bUp || transport.bFull || m_bCold)
       return;
     const _Load load = UnderWay(iConnection);
+    std::array<bool, kPriorityCount> bSeen{};
     for (const _Upload& upload : m_list) {
-      if (!upload.Waits() || upload.bLarge != (iConnection == 1))
+      if (!upload.Waits() || upload.bLarge != (iConnection == 1) ||
+          std::exchange(bSeen[static_cast<size_t>(upload.iIndex)], true))
         continue;
       RC_ASSERT(load.uMessages != 0u);
       RC_ASSERT(!IsUrgent(upload.iIndex) || load.uMessages == 64u ||
