@@ -3,6 +3,22 @@ set(ZX_AGENT_CORE
   agent_mgr agent_asset agent_cache agent_maint agent_receive agent_send agent_data agent_registry agent_system
   agent_base)
 
+# With sanitizers the product's own files share a precompiled header too: nobody ships them, and a build from
+# nothing is a fifth shorter. The other presets show what a file forgot to include.
+if(ZX_PCH AND ZX_SANITIZE AND NOT ZX_FUZZ)
+  file(WRITE ${CMAKE_BINARY_DIR}/product_pch.cpp "")
+  add_library(product_pch OBJECT ${CMAKE_BINARY_DIR}/product_pch.cpp)
+  target_link_libraries(product_pch PRIVATE zx_warnings zx_flags Threads::Threads)
+  target_precompile_headers(product_pch PRIVATE
+    <algorithm> <atomic> <deque> <filesystem> <functional> <map> <memory> <optional> <set> <string> <string_view>
+    <unordered_map> <utility> <vector>)
+endif()
+function(zx_product_pch name)
+  if(TARGET product_pch)
+    target_precompile_headers(${name} REUSE_FROM product_pch)
+  endif()
+endfunction()
+
 # One OBJECT library per folder: members that nobody calls yet (dormant threads, operations for other
 # modules) stay in the library, which an archive would drop.
 #   zx_objects(agent_data SOURCES a.cpp b.cpp LIBS zxplatform)
@@ -10,6 +26,7 @@ function(zx_objects name)
   cmake_parse_arguments(arg "" "" "SOURCES;LIBS" ${ARGN})
   add_library(${name} OBJECT ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC zx_warnings zx_flags Threads::Threads ${arg_LIBS})
+  zx_product_pch(${name})
 endfunction()
 
 # A platform library of the installed tree: lib/lib<name>.so, soname without version.
@@ -18,6 +35,7 @@ function(zx_shared name)
   cmake_parse_arguments(arg "" "EXPORTS" "SOURCES;LIBS;PRIVATE_LIBS" ${ARGN})
   add_library(${name} SHARED ${arg_SOURCES})
   target_link_libraries(${name} PUBLIC zx_flags Threads::Threads ${arg_LIBS} PRIVATE zx_warnings ${arg_PRIVATE_LIBS})
+  zx_product_pch(${name})
   if(arg_EXPORTS)
     set(map ${CMAKE_CURRENT_SOURCE_DIR}/${arg_EXPORTS})
     target_link_options(${name} PRIVATE -Wl,--version-script=${map})
@@ -61,7 +79,8 @@ function(zx_fuzz name)
     add_executable(${name} ${arg_SOURCES})
     target_link_options(${name} PRIVATE -fsanitize=fuzzer)
   else()
-    add_executable(${name} ${arg_SOURCES} ${CMAKE_SOURCE_DIR}/tests/fuzz/replay_main.cpp)
+    add_executable(${name} ${arg_SOURCES})
+    target_link_libraries(${name} PRIVATE fuzz_replay)
   endif()
   target_link_libraries(${name} PRIVATE zx_warnings zx_flags ${arg_LIBS})
   if(ZX_FUZZ)

@@ -3,13 +3,20 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
-#include <iterator>
 #include <string>
+#include <system_error>
 
+// Empty when there is none. At once: byte by byte costs seconds under a sanitizer.
 inline std::string Slurp(const std::string& strFile) {
+  std::error_code error;
+  const auto uSize = std::filesystem::file_size(strFile, error);
+  std::string strData(error ? 0 : uSize, '\0');
   std::ifstream file(strFile, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  file.read(strData.data(), static_cast<std::streamsize>(strData.size()));
+  strData.resize(static_cast<size_t>(file.gcount()));
+  return strData;
 }
 
 inline void Write(const std::string& strFile, const std::string& strData) {
