@@ -15,18 +15,9 @@
 #include "BenchPlugin.h"
 #include "ForwardBare.h"
 #include "ForwardStamps.h"
+#include "LogCacheTypes.h"
 
 namespace {
-
-constexpr char kGuid[] = "9946467F-0102-46E8-ACAC-B9EFE3CD68FD";
-constexpr char kAgentGuid[] = "ABC9A772-602C-45F4-9AAC-7096FD9BEDA4";
-constexpr uint32_t kLogCache = 20002;
-constexpr uint32_t kLogCacheResult = 20003;
-constexpr uint32_t kReplyTimeoutMs = 60000;
-constexpr size_t kBodyBytes = 1024;
-constexpr size_t kResultCodeAt = 4;
-constexpr size_t kDataIdAt = 8;
-constexpr size_t kResultBytes = 32;
 
 _ForwardStamps* g_pStamps = nullptr;
 
@@ -47,7 +38,7 @@ class CAgentWay final : public IMRSendComplete, public IMRReceiveComplete {
   bool Join(const char* pszAddress) {
     ZxBusConnectSettings settings;
     settings.pszAddress = pszAddress;
-    const GUID guid(kGuid);
+    const GUID guid(kForwarderGuid);
     m_pBus = ZxBusCreateContext();
     return ZxBusConnect(&settings) == 0 && m_pBus->Initialize(&guid) == 0 &&
            m_pBus->Receive(kLogCacheResult, this) == 0;
@@ -68,7 +59,7 @@ class CAgentWay final : public IMRSendComplete, public IMRReceiveComplete {
       char szId[16];
       std::snprintf(szId, sizeof(szId), "%x", u + 1);
       const std::string strText =
-          std::string("<guid={") + kGuid +
+          std::string("<guid={") + kForwarderGuid +
           "}><product=bench><combo=forward><version=1><msgtype=2><priv=3><dataid=" + szId +
           "><end=1><msg=" + Body(u) + ">";
       const GUID guidAgent(kAgentGuid);

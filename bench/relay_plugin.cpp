@@ -18,19 +18,13 @@
 #include <vector>
 
 #include "BenchPlugin.h"
+#include "LogCacheTypes.h"
 
 namespace {
 
-constexpr char kGuid[] = "9946467F-0102-46E8-ACAC-B9EFE3CD68FD";
-constexpr char kAgentGuid[] = "ABC9A772-602C-45F4-9AAC-7096FD9BEDA4";
-constexpr uint32_t kLogCache = 20002;
-constexpr uint32_t kLogCacheResult = 20003;
-constexpr uint32_t kReplyTimeoutMs = 60000;
 constexpr int kSendTimeoutMs = 100000;
 constexpr int kSenders = 32;
 constexpr int kWindow = 256;  // messages without a result
-constexpr size_t kBodyBytes = 1024;
-constexpr size_t kResultCodeAt = 4;
 constexpr auto kAskEvery = std::chrono::milliseconds(50);
 
 using PFNSendSync = uint32_t (*)(const char*, int, int, int);
@@ -126,7 +120,8 @@ int Relay(int iMessages) {
   const GUID guidAgent(kAgentGuid);
   const std::string strEnd =
       "><version=1><msgtype=2><priv=3><dataid=1><end=1><msg=" + std::string(kBodyBytes, 'b') + ">";
-  const std::string strText = std::string("<guid={") + kGuid + "}><product=bench><combo=relay" + strEnd;
+  const std::string strText =
+      std::string("<guid={") + kForwarderGuid + "}><product=bench><combo=relay" + strEnd;
   for (int i = 0; i < iMessages; ++i) {
     g_window.Enter();
     unsigned long long ui64ACT = 0;
@@ -203,7 +198,7 @@ void Run() {
 }
 
 int Start() {
-  const GUID guid(kGuid);
+  const GUID guid(kForwarderGuid);
   if (g_pBus->Initialize(&guid) != 0)
     return -1;
   g_pBus->Receive(kLogCacheResult, &g_results);
@@ -220,4 +215,4 @@ int Stop() {
 
 }  // namespace
 
-ZX_BENCH_PLUGIN(kGuid, g_pBus, Start, Stop)
+ZX_BENCH_PLUGIN(kForwarderGuid, g_pBus, Start, Stop)
