@@ -23,6 +23,7 @@ thread_local size_t t_uSlot = 0;
 
 // Under load the clock is read once in so many steps; an idle dispatcher reads it before it waits.
 constexpr uint32_t kStepsPerClock = 32;
+constexpr uint32_t kMostCompletions = 32;  // taken from the queue at a time
 
 struct _DispatcherStart {
   std::shared_ptr<CBusEndpoint> pEndpoint;
@@ -144,11 +145,11 @@ CBusEndpoint::ENext CBusEndpoint::TryNextWork(size_t uSlot, CBusPause& pause, bo
   if (std::exchange(m_bServing, false))
     NoLongerIdle();
   if (m_deadlines.EarliestNs() != CBusDeadlines::kNever &&
-      (m_queue.IsEmpty() || ++m_uiSinceClock >= kStepsPerClock))
+      (m_queue.IsEmpty() || m_uiSinceClock >= kStepsPerClock))
     QueueDue();
-  if (CBusItem* pItem = m_queue.Pop()) {
-    pause.CountStep();
-    TakeWork(pItem, uSlot, work);
+  if (const uint32_t uiTaken = TakeWork(uSlot, work)) {
+    m_uiSinceClock += uiTaken;
+    pause.CountSteps(uiTaken);
     return ENext::Work;
   }
   if (m_eState == EState::Leaving)
@@ -188,30 +189,45 @@ void CBusEndpoint::End(CBusRef<CBusCall> call, uint32_t uiStatus) {
     pthread_cond_signal(&m_condWork);
 }
 
-void CBusEndpoint::TakeWork(CBusItem* pItem, size_t uSlot, _Work& work) {
-  if (pItem->eKind == CBusItem::EKind::Completion) {
-    work.completion = CBusRef<CBusCall>(static_cast<CBusCall*>(pItem));
-    m_uReplyBytes.fetch_sub(work.completion->uiReplyLength, std::memory_order_relaxed);
-    return;
+uint32_t CBusEndpoint::TakeWork(size_t uSlot, _Work& work) {
+  uint32_t uiTaken = 0;
+  // Several dispatchers share what there is one by one.
+  const uint32_t uiMost = m_slots.size() == 1 ? kMostCompletions : 1;
+  for (CBusItem* pHead = m_queue.Head(); pHead != nullptr && uiTaken < uiMost; pHead = m_queue.Head()) {
+    if (pHead->eKind == CBusItem::EKind::Message)
+      break;
+    work.completions.Push(*m_queue.Pop());
+    ++uiTaken;
   }
-  work.pMessage.reset(static_cast<CBusMessage*>(pItem));
+  if (uiTaken == 0 && !m_queue.IsEmpty()) {
+    TakeMessage(static_cast<CBusMessage*>(m_queue.Pop()), uSlot, work);
+    uiTaken = 1;
+  }
+  return uiTaken;
+}
+
+void CBusEndpoint::TakeMessage(CBusMessage* pMessage, size_t uSlot, _Work& work) {
+  work.pMessage.reset(pMessage);
   --m_uQueuedMessages;
-  m_uQueuedBytes -= Cost(work.pMessage->uiLength);
-  const auto it = m_receivers.find(work.pMessage->uiType);
+  m_uQueuedBytes -= Cost(pMessage->uiLength);
+  const auto it = m_receivers.find(pMessage->uiType);
   if (it == m_receivers.end())
     return;
   work.pReceiver = it->second;
-  m_slots[uSlot] = {true, false, work.pMessage->uiType};
+  m_slots[uSlot] = {true, false, pMessage->uiType};
   // Late messages are still delivered, but nobody waits for an answer.
-  CBusRef<CBusCall>& call = work.pMessage->call;
-  if (call && !call->bDone.load(std::memory_order_acquire))
-    work.u64Baton = m_batons.Add(std::move(call));
+  if (pMessage->call && !pMessage->call->bDone.load(std::memory_order_acquire))
+    work.u64Baton = m_batons.Add(pMessage->call);
 }
 
 void CBusEndpoint::Run(_Work& work) {
-  if (work.completion)
-    RunCompletion(*work.completion);
-  else if (work.pReceiver == nullptr)
+  while (CBusItem* pItem = work.completions.Pop()) {
+    const CBusRef<CBusCall> call(static_cast<CBusCall*>(pItem));
+    RunCompletion(*call);
+  }
+  if (work.pMessage == nullptr)
+    return;
+  if (work.pReceiver == nullptr)
     RefuseIfAny(work.pMessage->call, kBusErrNoReceiver);
   else
     RunReceiver(work);
@@ -229,6 +245,7 @@ void CBusEndpoint::RunReceiver(const _Work& work) {
 }
 
 void CBusEndpoint::RunCompletion(CBusCall& call) {
+  m_uReplyBytes.fetch_sub(call.uiReplyLength, std::memory_order_relaxed);
   if (call.bBatonMayLive)
     call.pTarget->DropBaton(call);
   try {

@@ -152,25 +152,27 @@ void CBusEndpoint::Unreceive(uint32_t uiType) {
 uint32_t CBusEndpoint::Send(std::shared_ptr<CBusEndpoint> pLocal, const GUID& guidTarget, uint32_t uiType,
                             const void* pData, uint32_t uiLength, IMRSendComplete* pCallback, void* pContext,
                             unsigned long long* pui64ACT, uint32_t uiTimeoutMs) {
-  auto pMessage = std::make_unique<CBusMessage>();
-  pMessage->guidTo = guidTarget;
-  pMessage->uiType = uiType;
-  pMessage->uiLength = uiLength;
   const unsigned long long ui64ACT = NextBusToken();
   if (pui64ACT != nullptr)
     *pui64ACT = ui64ACT;
-  pMessage->pOwn = CopyBytes(pData, uiLength);
+  std::unique_ptr<CBusMessage> pMessage;
   CBusRef<CBusCall> call;
   if (pCallback != nullptr) {
-    call = CBusRef<CBusCall>(new CBusCall);
+    pMessage = CBusRequest::New(pData, uiLength);
+    call = pMessage->call;
     call->pSender = shared_from_this();
     call->pCallback = pCallback;
     call->pContext = pContext;
     call->ui64ACT = ui64ACT;
     call->uiType = uiType;
     call->uiTimeoutMs = uiTimeoutMs;
-    pMessage->call = call;
+  } else {
+    pMessage = std::make_unique<CBusMessage>();
+    pMessage->uiLength = uiLength;
+    pMessage->pOwn = CopyBytes(pData, uiLength);
   }
+  pMessage->guidTo = guidTarget;
+  pMessage->uiType = uiType;
   std::shared_ptr<IBusPeer> pTarget = std::move(pLocal);
   const uint64_t u64NowNs = call ? BusNowNs() : 0;
   EWake eWake = EWake::No;

@@ -90,12 +90,13 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
     bool bUnreceiving = false;  // its receiver is in Unreceive itself: nobody waits for it there
     uint32_t uiType = 0;
   };
-  // One step of a dispatcher, taken from the queue under the lock.
+  // One step of a dispatcher, taken from the queue under the lock: a message, or completions that follow each
+  // other in the queue. Those are owed to the component whatever happens, so they can be taken together.
   struct _Work {
     std::unique_ptr<CBusMessage> pMessage;
     IMRReceiveComplete* pReceiver = nullptr;  // null: refused, nobody receives this type
     uint64_t u64Baton = 0;
-    CBusRef<CBusCall> completion;
+    CBusQueue completions;
   };
 
   bool Withdraw(CBusCall& call) TS_EXCLUDES(m_cs);
@@ -109,7 +110,8 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   bool NextWork(size_t uSlot, CBusPause& pause, _Work& work) TS_EXCLUDES(m_cs);
   enum class ENext { Work, Leave, Yield, Serve, Again };
   ENext TryNextWork(size_t uSlot, CBusPause& pause, bool bMayServe, _Work& work) TS_REQUIRES(m_cs);
-  void TakeWork(CBusItem* pItem, size_t uSlot, _Work& work) TS_REQUIRES(m_cs);
+  uint32_t TakeWork(size_t uSlot, _Work& work) TS_REQUIRES(m_cs);  // how many entries of the queue
+  void TakeMessage(CBusMessage* pMessage, size_t uSlot, _Work& work) TS_REQUIRES(m_cs);
   void NoLongerIdle() TS_REQUIRES(m_cs);
   void QueueDue() TS_REQUIRES(m_cs);
   void End(CBusRef<CBusCall> call, uint32_t uiStatus) TS_REQUIRES(m_cs);
@@ -130,27 +132,28 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   void* const m_pContext;
   const _BusLimits m_limits;
 
-  CCritSec m_cs;
-  pthread_cond_t m_condWork;   // something is in the queue, an earlier deadline, or the end
-  pthread_cond_t m_condState;  // a receiver returned, or the last dispatcher ended
-  EState m_eState TS_GUARDED_BY(m_cs) = EState::Out;
-  GUID m_guid TS_GUARDED_BY(m_cs);
-  std::shared_ptr<CBusLink> m_pLink TS_GUARDED_BY(m_cs);  // null: this process only
-  // Wakes a dispatcher that waits at the connection. Made with the first connection, then constant; -1: the
-  // I/O thread reads it, as for every component with several dispatchers.
-  int m_iWake = -1;
-  bool m_bServing TS_GUARDED_BY(m_cs) = false;  // the dispatcher waits there
-  std::unordered_map<uint32_t, IMRReceiveComplete*> m_receivers TS_GUARDED_BY(m_cs);
+  // In the order of use: what a message touches on its way from one processor to the other lies together.
+  alignas(64) CCritSec m_cs;
+  std::atomic<size_t> m_uReplyBytes{0};
   CBusQueue m_queue TS_GUARDED_BY(m_cs);
   size_t m_uQueuedMessages TS_GUARDED_BY(m_cs) = 0;
   size_t m_uQueuedBytes TS_GUARDED_BY(m_cs) = 0;
+  EState m_eState TS_GUARDED_BY(m_cs) = EState::Out;
+  uint32_t m_uiSinceClock TS_GUARDED_BY(m_cs) = 0;
+  size_t m_uIdle TS_GUARDED_BY(m_cs) = 0;       // dispatchers that wait for work
+  size_t m_uWaking TS_GUARDED_BY(m_cs) = 0;     // of these, on their way: signalled and not yet awake
+  bool m_bServing TS_GUARDED_BY(m_cs) = false;  // the dispatcher waits at the connection
+  // Wakes a dispatcher that waits at the connection. Made with the first connection, then constant; -1: the
+  // I/O thread reads it, as for every component with several dispatchers.
+  int m_iWake = -1;
   CBusDeadlines m_deadlines TS_GUARDED_BY(m_cs);
   CBusBatons m_batons TS_GUARDED_BY(m_cs);
-  std::vector<_Slot> m_slots TS_GUARDED_BY(m_cs);
+  alignas(64) std::unordered_map<uint32_t, IMRReceiveComplete*> m_receivers TS_GUARDED_BY(m_cs);
+  GUID m_guid TS_GUARDED_BY(m_cs);
+  std::shared_ptr<CBusLink> m_pLink TS_GUARDED_BY(m_cs);  // null: this process only
+  alignas(64) std::vector<_Slot> m_slots TS_GUARDED_BY(m_cs);
   size_t m_uDispatchers TS_GUARDED_BY(m_cs) = 0;
-  size_t m_uIdle TS_GUARDED_BY(m_cs) = 0;          // dispatchers that wait for work
-  size_t m_uWaking TS_GUARDED_BY(m_cs) = 0;        // of these, on their way: signalled and not yet awake
   size_t m_uStateWaiters TS_GUARDED_BY(m_cs) = 0;  // threads in Unreceive, Leave and Join
-  uint32_t m_uiSinceClock TS_GUARDED_BY(m_cs) = 0;
-  std::atomic<size_t> m_uReplyBytes{0};
+  pthread_cond_t m_condWork;   // something is in the queue, an earlier deadline, or the end
+  pthread_cond_t m_condState;  // a receiver returned, or the last dispatcher ended
 };

@@ -33,3 +33,42 @@ TBusBytes CopyBytes(const void* pData, uint32_t uiLength) {
   std::memcpy(bytes.get(), pData, uiLength);
   return bytes;
 }
+
+void CBusCall::Destroy() {
+  if (m_pRequest == nullptr) {
+    delete this;
+    return;
+  }
+  CBusRequest* pRequest = m_pRequest;
+  pRequest->~CBusRequest();
+  ::operator delete(static_cast<void*>(pRequest));
+}
+
+void CBusMessage::operator delete(CBusMessage* pMessage, std::destroying_delete_t) {
+  if (pMessage->bInRequest) {
+    pMessage->pOwn.reset();
+    const CBusRef<CBusCall> last = std::move(pMessage->call);  // the block may go with it
+    return;
+  }
+  pMessage->~CBusMessage();
+  ::operator delete(static_cast<void*>(pMessage));
+}
+
+std::unique_ptr<CBusMessage> CBusRequest::New(const void* pData, uint32_t uiLength) {
+  const bool bInline = uiLength != 0 && uiLength <= kInlineBytes;
+  void* pBlock = ::operator new(sizeof(CBusRequest) + (bInline ? uiLength : 0));
+  auto* pRequest = new (pBlock) CBusRequest;
+  pRequest->call.m_pRequest = pRequest;
+  pRequest->message.bInRequest = true;
+  pRequest->message.uiLength = uiLength;
+  pRequest->message.call = CBusRef<CBusCall>(&pRequest->call);
+  std::unique_ptr<CBusMessage> pMessage(&pRequest->message);
+  if (bInline) {
+    auto* pInline = reinterpret_cast<unsigned char*>(pRequest + 1);
+    std::memcpy(pInline, pData, uiLength);
+    pMessage->pInline = pInline;
+  } else {
+    pMessage->pOwn = CopyBytes(pData, uiLength);
+  }
+  return pMessage;
+}

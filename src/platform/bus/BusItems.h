@@ -72,7 +72,7 @@ struct CBusCall : CBusItem {
   void AddRef() { m_uRefs.fetch_add(1, std::memory_order_relaxed); }
   void Release() {
     if (m_uRefs.fetch_sub(1, std::memory_order_acq_rel) == 1)
-      delete this;
+      Destroy();
   }
 
   // Set before the call is shared.
@@ -112,8 +112,12 @@ struct CBusCall : CBusItem {
   bool bRefused = false;  // uiStatus is an error of the bus; set before the call is queued
 
  private:
+  friend struct CBusRequest;
   ~CBusCall() = default;
+  void Destroy();
+
   std::atomic<uint32_t> m_uRefs{1};
+  struct CBusRequest* m_pRequest = nullptr;  // the block that it lies in; null: its own
 };
 
 // Data of a broadcast, shared by the messages to its receivers.
@@ -131,19 +135,41 @@ struct CBusPayload {
 };
 
 // One delivery to one receiver. Owned by whoever holds it: the sender, then the target's queue, then the
-// dispatcher.
+// dispatcher. Deleting one that lies in a CBusRequest gives up its data and its reference to the call there.
 struct CBusMessage : CBusItem {
-  CBusMessage() : CBusItem(EKind::Message) {}
+  CBusMessage() noexcept : CBusItem(EKind::Message) {}
+  static void operator delete(CBusMessage* pMessage, std::destroying_delete_t);
 
-  const unsigned char* Data() const { return payload ? payload->pData.get() : pOwn.get(); }
+  const unsigned char* Data() const {
+    return pInline != nullptr ? pInline : payload ? payload->pData.get() : pOwn.get();
+  }
 
   GUID guidFrom;
   GUID guidTo;  // zero: a broadcast
   uint32_t uiType = 0;
   uint32_t uiLength = 0;
+  const unsigned char* pInline = nullptr;  // data in the request's own block
   TBusBytes pOwn;
   CBusRef<CBusPayload> payload;
   CBusRef<CBusCall> call;
+  bool bInRequest = false;  // then it refers to the call there until it is deleted
+};
+
+// A call and its message, in one block of memory that lives as long as the call. Data that are short enough
+// lie in it, too; longer ones go with the message, so that a baton that is held does not keep them.
+struct CBusRequest {
+  static constexpr uint32_t kInlineBytes = 512;
+
+  // The message, which holds the only reference to the call. Throws std::bad_alloc.
+  static std::unique_ptr<CBusMessage> New(const void* pData, uint32_t uiLength);
+
+ private:
+  friend struct CBusCall;
+  CBusRequest() = default;
+  ~CBusRequest() = default;
+
+  CBusCall call;
+  CBusMessage message;
 };
 
 // First-in first-out list through the items' hooks; owns nothing.

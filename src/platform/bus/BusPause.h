@@ -15,7 +15,7 @@ class CBusPause {
   static constexpr uint64_t kWorthStepNs = 500000;  // a step in so much time is worth having waited
   static constexpr uint32_t kSkipTimes = 64;
 
-  void CountStep() { ++m_uiSteps; }
+  void CountSteps(uint32_t uiSteps) { m_uiSteps += uiSteps; }
   // Called when the queue is empty, on a monotonic clock that is not at 0. True: let others run and look
   // again. False: sleep.
   bool LetOthersRun(uint64_t u64NowNs) {

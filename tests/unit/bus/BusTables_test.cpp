@@ -112,7 +112,7 @@ constexpr uint64_t kSomeNs = kBusNsPerSecond;
 
 bool WorkedOff(CBusPause& pause, uint32_t uiSteps, uint64_t u64NowNs) {
   for (uint32_t i = 0; i < uiSteps; ++i)
-    pause.CountStep();
+    pause.CountSteps(1);
   return pause.LetOthersRun(u64NowNs);
 }
 
