@@ -249,7 +249,7 @@ void CBusEndpoint::RunCompletion(CBusCall& call) {
   if (call.bBatonMayLive)
     call.pTarget->DropBaton(call);
   try {
-    call.pCallback->SendCallback(call.uiStatus, call.i64ReplyType, call.pReply.get(), call.uiReplyLength,
+    call.pCallback->SendCallback(call.uiStatus, call.i64ReplyType, call.Reply(), call.uiReplyLength,
                                  call.ui64ACT, call.pContext);
   } catch (const std::exception& e) {
     CLogDebug::Instance().LogPrintV(kLogError, "zxbus", __func__, __LINE__,

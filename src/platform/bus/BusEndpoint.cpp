@@ -3,6 +3,7 @@
 #include <sys/eventfd.h>
 #include <unistd.h>
 
+#include <cstring>
 #include <exception>
 #include <utility>
 
@@ -229,7 +230,8 @@ uint32_t CBusEndpoint::Broadcast(const std::vector<std::shared_ptr<CBusEndpoint>
 
 uint32_t CBusEndpoint::Reply(uint32_t uiStatus, long i64MsgType, const void* pData, uint32_t uiLength,
                              uint64_t u64Baton) {
-  TBusBytes pReply = CopyBytes(pData, uiLength);
+  const bool bInline = uiLength <= CBusCall::kInlineReplyBytes;
+  TBusBytes pReply = bInline ? nullptr : CopyBytes(pData, uiLength);
   CBusRef<CBusCall> call;
   {
     CCritLock lock(m_cs);
@@ -242,6 +244,8 @@ uint32_t CBusEndpoint::Reply(uint32_t uiStatus, long i64MsgType, const void* pDa
       return kBusErrBusy;  // the baton stays: the component may try again
     call = m_batons.Take(u64Baton);
   }
+  if (bInline && uiLength != 0)
+    std::memcpy(call->aReply, pData, uiLength);
   IBusPeer& sender = *call->pSender;
   if (sender.Complete(*call, uiStatus, i64MsgType, std::move(pReply), uiLength))
     return 0;

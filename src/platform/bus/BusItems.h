@@ -92,7 +92,7 @@ struct CBusCall : CBusItem {
   uint32_t uiStatus = 0;
   long i64ReplyType = 0;
   uint32_t uiReplyLength = 0;
-  TBusBytes pReply;
+  TBusBytes pReply;            // null: none, or in aReply
   bool bBatonMayLive = false;  // ended without the target's help, which may still hold the baton
 
   // Set under the sender's lock; the target reads it to see that nobody waits any more.
@@ -110,6 +110,13 @@ struct CBusCall : CBusItem {
   bool bInFlight = false;
   sd_bus_message* pRemoteMessage = nullptr;
   bool bRefused = false;  // uiStatus is an error of the bus; set before the call is queued
+
+  // An answer that is short enough lies here, written by whoever took the baton.
+  static constexpr uint32_t kInlineReplyBytes = 256;
+  const unsigned char* Reply() const {
+    return pReply != nullptr || uiReplyLength == 0 ? pReply.get() : aReply;
+  }
+  unsigned char aReply[kInlineReplyBytes];
 
  private:
   friend struct CBusRequest;
@@ -158,7 +165,7 @@ struct CBusMessage : CBusItem {
 // A call and its message, in one block of memory that lives as long as the call. Data that are short enough
 // lie in it, too; longer ones go with the message, so that a baton that is held does not keep them.
 struct CBusRequest {
-  static constexpr uint32_t kInlineBytes = 512;
+  static constexpr uint32_t kInlineBytes = 256;
 
   // The message, which holds the only reference to the call. Throws std::bad_alloc.
   static std::unique_ptr<CBusMessage> New(const void* pData, uint32_t uiLength);

@@ -261,7 +261,7 @@ void CBusLink::WriteReply(CBusRef<CBusCall> call) {
     if (iResult < 0 ||
         sd_bus_message_append(pRaw, "iu", static_cast<int32_t>(call->uiStatus),
                               static_cast<uint32_t>(call->i64ReplyType)) < 0 ||
-        sd_bus_message_append_array(pRaw, 'y', call->pReply.get(), call->uiReplyLength) < 0 ||
+        sd_bus_message_append_array(pRaw, 'y', call->Reply(), call->uiReplyLength) < 0 ||
         sd_bus_send(Bus(), pRaw, nullptr) < 0)
       WriteError(pCall, kBusErrBusy);
   }

@@ -17,7 +17,7 @@ class IBusPeer {
   // Sender side. Whoever replies reserves room for the data first, under its own lock: these two take none.
   virtual bool ReserveReplyBytes(uint32_t uiLength) = 0;
   virtual void ReleaseReplyBytes(uint32_t uiLength) = 0;
-  // False: the call had ended already.
+  // False: the call had ended already. pReply is null when the data lie in the call itself.
   virtual bool Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, TBusBytes pReply,
                         uint32_t uiLength) = 0;
   virtual void Refuse(CBusCall& call, uint32_t uiStatus) = 0;  // ends it with an error of the bus
