@@ -129,11 +129,17 @@ bool CBusEndpoint::NextWork(size_t uSlot, CBusPause& pause, _Work& work) {
     if (eNext == ENext::Work || eNext == ENext::Leave)
       return eNext == ENext::Work;
     bMayServe = true;
-    if (eNext == ENext::Yield)
-      sched_yield();
+    if (eNext == ENext::Look)
+      Look(work.u64LookUntilNs);
     else if (eNext == ENext::Serve)
       bMayServe = pLink->Serve(m_iWake, u64DueNs);  // not: one wait without it
   }
+}
+
+void CBusEndpoint::Look(uint64_t u64UntilNs) const {
+  do {
+    sched_yield();
+  } while (!m_bQueued.load(std::memory_order_relaxed) && BusNowNs() < u64UntilNs);
 }
 
 CBusEndpoint::ENext CBusEndpoint::TryNextWork(size_t uSlot, CBusPause& pause, bool bMayServe, _Work& work) {
@@ -147,15 +153,13 @@ CBusEndpoint::ENext CBusEndpoint::TryNextWork(size_t uSlot, CBusPause& pause, bo
   if (m_deadlines.EarliestNs() != CBusDeadlines::kNever &&
       (m_queue.IsEmpty() || m_uiSinceClock >= kStepsPerClock))
     QueueDue();
-  if (const uint32_t uiTaken = TakeWork(uSlot, work)) {
-    m_uiSinceClock += uiTaken;
-    pause.CountSteps(uiTaken);
+  if (TakeWork(uSlot, pause, work))
     return ENext::Work;
-  }
+  m_bQueued.store(false, std::memory_order_relaxed);
   if (m_eState == EState::Leaving)
     return ENext::Leave;
-  if (pause.LetOthersRun(BusNowNs()))
-    return ENext::Yield;
+  if ((work.u64LookUntilNs = pause.LookUntilNs(BusNowNs())) != 0)
+    return ENext::Look;
   ++m_uIdle;
   if (bMayServe && m_pLink != nullptr && m_iWake >= 0) {
     m_bServing = true;
@@ -184,26 +188,32 @@ void CBusEndpoint::End(CBusRef<CBusCall> call, uint32_t uiStatus) {
   call->uiStatus = uiStatus;
   call->i64ReplyType = static_cast<long>(call->uiType);
   call->bBatonMayLive = true;
-  m_queue.Push(*call.Detach());
+  Queue(*call.Detach());
   if (TakeWaker() == EWake::Signal)
     pthread_cond_signal(&m_condWork);
 }
 
-uint32_t CBusEndpoint::TakeWork(size_t uSlot, _Work& work) {
-  uint32_t uiTaken = 0;
+bool CBusEndpoint::TakeWork(size_t uSlot, CBusPause& pause, _Work& work) {
+  const IBusPeer* const pLink = m_pLink.get();
   // Several dispatchers share what there is one by one.
   const uint32_t uiMost = m_slots.size() == 1 ? kMostCompletions : 1;
+  uint32_t uiTaken = 0;
+  bool bNear = false;
   for (CBusItem* pHead = m_queue.Head(); pHead != nullptr && uiTaken < uiMost; pHead = m_queue.Head()) {
     if (pHead->eKind == CBusItem::EKind::Message)
       break;
+    bNear = bNear || static_cast<CBusCall*>(pHead)->pTarget.get() != pLink;
     work.completions.Push(*m_queue.Pop());
     ++uiTaken;
   }
   if (uiTaken == 0 && !m_queue.IsEmpty()) {
     TakeMessage(static_cast<CBusMessage*>(m_queue.Pop()), uSlot, work);
+    bNear = work.pMessage->call && work.pMessage->call->pSender.get() != pLink;
     uiTaken = 1;
   }
-  return uiTaken;
+  m_uiSinceClock += uiTaken;
+  pause.CountSteps(uiTaken, bNear);
+  return uiTaken != 0;
 }
 
 void CBusEndpoint::TakeMessage(CBusMessage* pMessage, size_t uSlot, _Work& work) {

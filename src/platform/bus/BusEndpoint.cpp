@@ -273,11 +273,16 @@ uint32_t CBusEndpoint::Push(std::unique_ptr<CBusMessage> pMessage) {
     }
     ++m_uQueuedMessages;
     m_uQueuedBytes += Cost(pMessage->uiLength);
-    m_queue.Push(*pMessage.release());
+    Queue(*pMessage.release());
     eWake = TakeWaker();
   }
   Wake(eWake);
   return 0;
+}
+
+void CBusEndpoint::Queue(CBusItem& item) {
+  m_queue.Push(item);
+  m_bQueued.store(true, std::memory_order_relaxed);
 }
 
 CBusEndpoint::EWake CBusEndpoint::TakeWaker() {
@@ -336,7 +341,7 @@ bool CBusEndpoint::Complete(CBusCall& call, uint32_t uiStatus, long i64MsgType, 
     call.i64ReplyType = i64MsgType;
     call.pReply = std::move(pReply);
     call.uiReplyLength = uiLength;
-    m_queue.Push(*owned.Detach());
+    Queue(*owned.Detach());
     eWake = TakeWaker();
   }
   Wake(eWake);

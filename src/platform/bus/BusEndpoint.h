@@ -97,6 +97,7 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
     IMRReceiveComplete* pReceiver = nullptr;  // null: refused, nobody receives this type
     uint64_t u64Baton = 0;
     CBusQueue completions;
+    uint64_t u64LookUntilNs = 0;  // nothing there: let others run until then and look again
   };
 
   bool Withdraw(CBusCall& call) TS_EXCLUDES(m_cs);
@@ -108,10 +109,11 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   bool StartDispatcher(size_t uSlot, const GUID& guid);
   void Dispatch(size_t uSlot) TS_EXCLUDES(m_cs);
   bool NextWork(size_t uSlot, CBusPause& pause, _Work& work) TS_EXCLUDES(m_cs);
-  enum class ENext { Work, Leave, Yield, Serve, Again };
+  enum class ENext { Work, Leave, Look, Serve, Again };
   ENext TryNextWork(size_t uSlot, CBusPause& pause, bool bMayServe, _Work& work) TS_REQUIRES(m_cs);
-  uint32_t TakeWork(size_t uSlot, _Work& work) TS_REQUIRES(m_cs);  // how many entries of the queue
+  bool TakeWork(size_t uSlot, CBusPause& pause, _Work& work) TS_REQUIRES(m_cs);
   void TakeMessage(CBusMessage* pMessage, size_t uSlot, _Work& work) TS_REQUIRES(m_cs);
+  void Look(uint64_t u64UntilNs) const;
   void NoLongerIdle() TS_REQUIRES(m_cs);
   void QueueDue() TS_REQUIRES(m_cs);
   void End(CBusRef<CBusCall> call, uint32_t uiStatus) TS_REQUIRES(m_cs);
@@ -123,6 +125,7 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   // How an idle dispatcher is to be told of one more item, by Wake: after the lock, which it wants first.
   enum class EWake { No, Signal, Event };
   EWake TakeWaker() TS_REQUIRES(m_cs);
+  void Queue(CBusItem& item) TS_REQUIRES(m_cs);
   void Wake(EWake eWake);
   void SetUnreceiving(bool bUnreceiving) TS_REQUIRES(m_cs);
   static size_t Cost(uint32_t uiLength) { return uiLength + kRecordBytes; }
@@ -136,6 +139,7 @@ class CBusEndpoint final : public IBusPeer, public std::enable_shared_from_this<
   alignas(64) CCritSec m_cs;
   std::atomic<size_t> m_uReplyBytes{0};
   CBusQueue m_queue TS_GUARDED_BY(m_cs);
+  std::atomic<bool> m_bQueued{false};  // for a dispatcher that looks for work without the lock
   size_t m_uQueuedMessages TS_GUARDED_BY(m_cs) = 0;
   size_t m_uQueuedBytes TS_GUARDED_BY(m_cs) = 0;
   EState m_eState TS_GUARDED_BY(m_cs) = EState::Out;

@@ -272,6 +272,33 @@ TEST(BusLifecycle, Uninitialize_FromInsideACompletion_Works) {
   EXPECT_EQ(aborted.At(0).uiStatus, kBusErrAborted);
 }
 
+TEST(BusLifecycle, Uninitialize_FromInsideACompletion_LosesNoneThatAreDue) {
+  CGate gate;
+  CReceiver silent;
+  CComponent a, b;
+  CCompletion completion([&](const _Completed& completed) {
+    if (completed.strData == "gate")
+      gate.Enter();
+    else if (completed.strData == "leave")
+      a->Uninitialize();
+  });
+  b->Receive(1, &silent);
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(a.Send(b, 1, "x", &completion), 0u);
+  ASSERT_TRUE(silent.Wait(5));
+  ASSERT_EQ(b->Reply(0, 1, "gate", 4, silent.At(0).pBaton), 0u);
+  ASSERT_TRUE(gate.WaitEntered());
+  ASSERT_EQ(b->Reply(1, 1, "leave", 5, silent.At(1).pBaton), 0u);
+  ASSERT_EQ(b->Reply(2, 1, "y", 1, silent.At(2).pBaton), 0u);
+  ASSERT_EQ(b->Reply(3, 1, "z", 1, silent.At(3).pBaton), 0u);
+  gate.Open();
+  ASSERT_TRUE(completion.Wait(5));
+  for (uint32_t i = 0; i < 4; ++i)
+    EXPECT_EQ(completion.At(i).uiStatus, i);
+  EXPECT_EQ(completion.At(3).strData, "z");
+  EXPECT_EQ(completion.At(4).uiStatus, kBusErrAborted);
+}
+
 TEST(BusLifecycle, DestroyContext_FromInsideItsReceiver_Works) {
   CEventWaiter done;
   GUID guid = NewGuid();

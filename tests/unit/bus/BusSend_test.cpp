@@ -69,6 +69,23 @@ TEST(BusSend, WithoutCallback_TheReceiverGetsNoBaton) {
   EXPECT_NE(ui64ACT, 0u);
 }
 
+TEST(BusSend, DataAndAnswersOfAnyLength_ArriveWhole) {
+  CReceiver receiver(&AnswerReversed);
+  CComponent a, b;
+  b->Receive(1, &receiver);
+  CCompletion completion;
+  uint32_t uCount = 0;
+  for (const size_t uLength : {0u, 1u, 255u, 256u, 257u, 511u, 512u, 513u, 70000u}) {
+    std::string str(uLength, 'x');
+    for (size_t i = 0; i < uLength; ++i)
+      str[i] = static_cast<char>('a' + i % 23);
+    ASSERT_EQ(a.Send(b, 1, str, &completion), 0u);
+    ASSERT_TRUE(completion.Wait(++uCount));
+    EXPECT_EQ(receiver.At(uCount - 1).strData, str);
+    EXPECT_EQ(completion.At(uCount - 1).strData, std::string(str.rbegin(), str.rend()));
+  }
+}
+
 TEST(BusSend, ToItself_Works) {
   CReceiver receiver(&AnswerReversed);
   CComponent a;

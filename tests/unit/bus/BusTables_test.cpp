@@ -1,6 +1,7 @@
 // The tables behind the bus: deadlines and batons.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <random>
 
 #include "platform/bus/BusBatons.h"
@@ -109,22 +110,54 @@ TEST(BusBatons, Disown_ForgetsTheHandles_AndGivesEveryCallOnce) {
 }
 
 constexpr uint64_t kSomeNs = kBusNsPerSecond;
+constexpr uint64_t kSlowNs = CBusPause::kQuickNs;
 
-bool WorkedOff(CBusPause& pause, uint32_t uiSteps, uint64_t u64NowNs) {
-  for (uint32_t i = 0; i < uiSteps; ++i)
-    pause.CountSteps(1);
-  return pause.LetOthersRun(u64NowNs);
+// The queue is empty after so many steps. False: the dispatcher sleeps.
+bool Looks(CBusPause& pause, uint32_t uiSteps, uint64_t u64NowNs, bool bNear = false) {
+  pause.CountSteps(uiSteps, bNear);
+  return pause.LookUntilNs(u64NowNs) != 0;
 }
 
-TEST(BusPause, LetsOthersRun_InAFlowOnly) {
+TEST(BusPause, LetsOthersRun_InAFlow) {
   CBusPause pause;
-  EXPECT_FALSE(WorkedOff(pause, 0, kSomeNs));
-  EXPECT_FALSE(WorkedOff(pause, 1, kSomeNs));
-  EXPECT_FALSE(WorkedOff(pause, 1, kSomeNs)) << "two singles are no flow";
-  EXPECT_TRUE(WorkedOff(pause, CBusPause::kFlowSteps, kSomeNs));
-  EXPECT_FALSE(WorkedOff(pause, 0, kSomeNs + CBusPause::kShortNs)) << "nothing came: sleep";
-  EXPECT_TRUE(WorkedOff(pause, CBusPause::kFlowSteps, kSomeNs + CBusPause::kShortNs))
-      << "a short time for nothing is no reason to stop";
+  EXPECT_FALSE(Looks(pause, 0, kSomeNs));
+  EXPECT_FALSE(Looks(pause, 1, kSomeNs));
+  EXPECT_FALSE(Looks(pause, 1, kSomeNs)) << "two singles are no flow";
+  EXPECT_TRUE(Looks(pause, CBusPause::kFlowSteps, kSomeNs));
+  EXPECT_FALSE(Looks(pause, 0, kSomeNs + CBusPause::kShortNs)) << "nothing came: sleep";
+  pause.CountSteps(CBusPause::kFlowSteps, false);
+  EXPECT_EQ(pause.LookUntilNs(kSomeNs + CBusPause::kShortNs), kSomeNs + CBusPause::kShortNs)
+      << "a short time for nothing is no reason to stop, but it is done once";
+}
+
+TEST(BusPause, LooksOn_InAQuickExchangeWithinTheProcess) {
+  CBusPause pause;
+  EXPECT_FALSE(Looks(pause, 1, kSomeNs, true)) << "one that came alone";
+  EXPECT_FALSE(Looks(pause, 1, kSomeNs + kSlowNs, true)) << "rounds that take their time";
+  EXPECT_FALSE(Looks(pause, 1, kSomeNs + 2 * kSlowNs - 1, false)) << "from another process";
+  pause.CountSteps(1, true);
+  const uint64_t u64NowNs = kSomeNs + 3 * kSlowNs - 2;
+  EXPECT_EQ(pause.LookUntilNs(u64NowNs), u64NowNs + CBusPause::kLookNs);
+}
+
+TEST(BusPause, StopsForLongerAndLonger_WhenNothingComes) {
+  CBusPause pause;
+  uint64_t u64NowNs = kSomeNs;
+  EXPECT_FALSE(Looks(pause, 1, u64NowNs, true));
+  uint32_t uiExpected = CBusPause::kSkipTimes;
+  for (int i = 0; i < 10; ++i) {
+    EXPECT_TRUE(Looks(pause, 1, ++u64NowNs, true)) << i;
+    EXPECT_FALSE(Looks(pause, 0, u64NowNs += CBusPause::kLookNs)) << i;
+    for (uint32_t u = 0; u < uiExpected; ++u)
+      ASSERT_FALSE(Looks(pause, 1, ++u64NowNs, true)) << i << " " << u;
+    uiExpected = std::min(2 * uiExpected, CBusPause::kMaxSkipTimes);
+  }
+  EXPECT_TRUE(Looks(pause, 1, ++u64NowNs, true));
+  EXPECT_TRUE(Looks(pause, 1, ++u64NowNs, true)) << "an answer came while it looked";
+  EXPECT_FALSE(Looks(pause, 0, u64NowNs += CBusPause::kLookNs));
+  for (uint32_t u = 0; u < CBusPause::kSkipTimes; ++u)
+    ASSERT_FALSE(Looks(pause, 1, ++u64NowNs, true)) << u;
+  EXPECT_TRUE(Looks(pause, 1, ++u64NowNs, true)) << "that began anew";
 }
 
 TEST(BusPause, StopsForAWhile_WhenStrangersTookTheTime) {
@@ -132,11 +165,11 @@ TEST(BusPause, StopsForAWhile_WhenStrangersTookTheTime) {
   uint64_t u64NowNs = kSomeNs;
   const uint64_t u64TookNs = 4 * kBusNsPerMs;
   const auto uiWorth = static_cast<uint32_t>(u64TookNs / CBusPause::kWorthStepNs);
-  EXPECT_TRUE(WorkedOff(pause, 2, u64NowNs));
-  EXPECT_TRUE(WorkedOff(pause, uiWorth, u64NowNs += u64TookNs)) << "as many as that were worth it";
+  EXPECT_TRUE(Looks(pause, 2, u64NowNs));
+  EXPECT_TRUE(Looks(pause, uiWorth, u64NowNs += u64TookNs)) << "as many as that were worth it";
   for (uint32_t i = 0; i < CBusPause::kSkipTimes; ++i)
-    EXPECT_FALSE(WorkedOff(pause, uiWorth - 1, u64NowNs += u64TookNs)) << i;
-  EXPECT_TRUE(WorkedOff(pause, 2, u64NowNs += u64TookNs)) << "then it is tried again";
+    EXPECT_FALSE(Looks(pause, uiWorth - 1, u64NowNs += u64TookNs)) << i;
+  EXPECT_TRUE(Looks(pause, 2, u64NowNs += u64TookNs)) << "then it is tried again";
 }
 
 }  // namespace
