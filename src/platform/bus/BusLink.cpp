@@ -97,9 +97,9 @@ void CBusLink::Kick() {
 }
 
 int CBusLink::OnOpened() {
-  const int iResult = sd_bus_add_fallback_vtable(Bus(), nullptr, kBusTypeRoot, kBusInterface, Vtable(),
-                                                 &CBusLink::FindObject, this);
-  if (iResult < 0)
+  int iResult = sd_bus_add_filter(Bus(), nullptr, &CBusLink::OnMessage, this);
+  if (iResult < 0 || (iResult = sd_bus_add_fallback_vtable(Bus(), nullptr, kBusTypeRoot, kBusInterface,
+                                                           Vtable(), &CBusLink::FindObject, this)) < 0)
     return iResult;
   m_bTypesStale = true;
   SyncTypes();
@@ -159,6 +159,7 @@ void CBusLink::OnLost(const char*) {
       m_pEndpoint->DropBaton(*pCall);
     Unhold(*pCall);
   }
+  m_u64HeldDueNs = kNever;
   size_t uReleased = 0;
   while (CBusItem* pItem = dropped.Pop()) {
     if (pItem->eKind == CBusItem::EKind::Completion) {
@@ -215,10 +216,9 @@ void CBusLink::OnUnserved() {
 }
 
 uint64_t CBusLink::WorkDueNs() {
-  uint64_t u64DueNs = m_u64CloseDueNs;
   if (const CBusCall* pFirst = m_held.First())
-    u64DueNs = std::min(u64DueNs, pFirst->u64DeadlineNs);
-  return u64DueNs;
+    m_u64HeldDueNs = std::min(m_u64HeldDueNs, pFirst->u64DeadlineNs);
+  return std::min(m_u64CloseDueNs, m_u64HeldDueNs);
 }
 
 int CBusLink::OnReleased(sd_bus_message*, void* pSelf, sd_bus_error*) {

@@ -134,6 +134,7 @@ class CBusLink final : public CBusWire, public IBusPeer {
                         void** ppFound, sd_bus_error* pError);
   static int ListObjects(sd_bus* pBus, const char* pszPrefix, void* pSelf, char*** pppszNodes,
                          sd_bus_error* pError);
+  static int OnMessage(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
   static int OnSend(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
   static int OnCancel(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
   static int OnBroadcast(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError);
@@ -182,6 +183,7 @@ class CBusLink final : public CBusWire, public IBusPeer {
   uint64_t m_u64TypesSent = 0;
   bool m_bTypesStale = false;  // a new connection knows none
   uint64_t m_u64CloseDueNs = kNever;
+  uint64_t m_u64HeldDueNs = kNever;  // at or before the first held call's; up to date once it is reached
   bool m_bReleasing = false;
   bool m_bReleased = false;
 };

@@ -72,6 +72,20 @@ bool CBusLink::SenderOf(sd_bus_message* pMessage, GUID& guid) {
   return bKnown;
 }
 
+// Messages of components are taken before sd-bus looks for objects and subscriptions, which costs more than
+// all the rest of it. Whatever is out of the ordinary goes that way, too.
+int CBusLink::OnMessage(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError) {
+  uint32_t uiType = 0;
+  const bool bCall = sd_bus_message_is_method_call(pMessage, kBusInterface, "Send") > 0;
+  if ((!bCall && sd_bus_message_is_signal(pMessage, kBusInterface, "Broadcast") <= 0) ||
+      !TypeOfBusPath(sd_bus_message_get_path(pMessage), uiType) ||
+      sd_bus_message_has_signature(pMessage, "ay") <= 0 ||
+      !static_cast<CBusLink*>(pSelf)->m_pEndpoint->HasReceiver(uiType))
+    return 0;
+  return bCall ? OnSend(pMessage, pSelf, pError)
+               : (OnBroadcast(pMessage, static_cast<CBusWire*>(static_cast<CBusLink*>(pSelf)), pError), 1);
+}
+
 int CBusLink::OnSend(sd_bus_message* pMessage, void* pSelf, sd_bus_error* pError) {
   auto& self = *static_cast<CBusLink*>(pSelf);
   GUID guidFrom;
@@ -165,6 +179,9 @@ void CBusLink::GiveUp(CBusCall& call, uint32_t uiResult) {
 }
 
 void CBusLink::ExpireHeld(uint64_t u64NowNs) {
+  if (u64NowNs < m_u64HeldDueNs)
+    return;
+  m_u64HeldDueNs = kNever;
   CBusCall* pNext = nullptr;
   for (CBusCall* pCall = m_held.First(); pCall != nullptr && pCall->u64DeadlineNs <= u64NowNs;
        pCall = pNext) {
