@@ -21,8 +21,10 @@ CZxThreadGroup g_threads;
 constexpr uint32_t kDefaultTimeoutMs = 5000;
 constexpr size_t kDefaultSendBytes = 16u << 20;
 constexpr int kEventsPerWait = 32;
-// How long a component's dispatcher may be busy before the I/O thread reads its connection.
+// How long a component's dispatcher may be busy before the I/O thread reads its connection. The longer one is
+// for dispatchers that always came back in time.
 constexpr uint64_t kSweepNs = 5 * kBusNsPerMs;
+constexpr uint64_t kLongestSweepNs = 20 * kBusNsPerMs;
 
 }  // namespace
 
@@ -31,7 +33,7 @@ CBusCarrier& CBusCarrier::Instance() {
   return *s_pCarrier;
 }
 
-CBusCarrier::CBusCarrier() {
+CBusCarrier::CBusCarrier() : m_u64SweepNs(kSweepNs) {
   pthread_cond_init(&m_cond, nullptr);
 }
 
@@ -218,7 +220,7 @@ void CBusCarrier::ScheduleSweep() {
 
 void CBusCarrier::SetSweepTimer() const {
   itimerspec due{};
-  due.it_value.tv_nsec = kSweepNs;
+  due.it_value.tv_nsec = static_cast<long>(m_u64SweepNs.load());
   timerfd_settime(m_iTimer, 0, &due, nullptr);
 }
 
@@ -227,8 +229,13 @@ void CBusCarrier::Sweep() {
   eventfd_read(m_iTimer, &count);
   m_bSweepDue.store(false);  // first: who goes away from here on asks again
   bool bAgain = false;
-  for (const auto& pWire : m_wires)
-    bAgain = pWire->Sweep() || bAgain;
+  bool bLively = false;
+  for (const auto& pWire : m_wires) {
+    const CBusWire::ESweep eSweep = pWire->Sweep();
+    bAgain = bAgain || eSweep == CBusWire::ESweep::Again;
+    bLively = bLively || eSweep != CBusWire::ESweep::Quiet;
+  }
+  m_u64SweepNs.store(bLively ? std::min(2 * m_u64SweepNs.load(), kLongestSweepNs) : kSweepNs);
   if (bAgain)
     ScheduleSweep();
 }

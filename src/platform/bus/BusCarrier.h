@@ -91,5 +91,6 @@ class CBusCarrier {
   int m_iEvent = -1;
   int m_iTimer = -1;
   std::atomic<bool> m_bSweepDue{false};
+  std::atomic<uint64_t> m_u64SweepNs;              // until the next one
   std::vector<std::shared_ptr<CBusWire>> m_wires;  // the I/O thread's
 };

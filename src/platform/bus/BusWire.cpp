@@ -56,7 +56,8 @@ void CBusWire::TurnHeld(uint64_t u64NowNs) {
   if (m_pBus == nullptr && u64NowNs >= m_u64RetryNs)
     Open(u64NowNs);
   Work(u64NowNs);
-  Process();
+  if (Process(kMessagesPerTurn) && m_eServe.load() == EServe::No)
+    m_carrier.Ready(shared_from_this());
   if (m_pBus != nullptr && u64NowNs >= m_u64SetupDueNs)
     Fail("the daemon does not answer");
   if (m_pBus != nullptr && !m_strFailure.empty())
@@ -68,19 +69,18 @@ void CBusWire::TurnHeld(uint64_t u64NowNs) {
     Watch();
 }
 
-void CBusWire::Process() {
-  for (int i = 0; m_pBus != nullptr && m_strFailure.empty(); ++i) {
-    if (i == kMessagesPerTurn) {
-      if (m_eServe.load() == EServe::No)
-        m_carrier.Ready(shared_from_this());
-      break;
-    }
+// True: so many were there, and there may be more.
+bool CBusWire::Process(int iMost) {
+  for (; m_pBus != nullptr && m_strFailure.empty(); --iMost) {
+    if (iMost == 0)
+      return true;
     const int iResult = sd_bus_process(m_pBus, nullptr);
     if (iResult < 0 || sd_bus_is_open(m_pBus) <= 0)
       Fail(iResult < 0 ? std::strerror(-iResult) : "the daemon closed the connection");
     if (iResult <= 0)
       break;
   }
+  return false;
 }
 
 // The I/O thread sleeps until the time that was published last. What it works out itself is exact; others

@@ -6,6 +6,7 @@
 // that is ready, and one may watch it instead of the I/O thread (Serve). Owned by the carrier.
 #pragma once
 
+#include <poll.h>
 #include <systemd/sd-bus.h>
 
 #include <atomic>
@@ -14,6 +15,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/bus/BusLinger.h"
 #include "platform/bus/BusOwners.h"
 #include "platform/bus/BusTurn.h"
 #include "platform/os/ZxCritSec.h"
@@ -44,8 +46,9 @@ class CBusWire : public std::enable_shared_from_this<CBusWire> {
   // Any thread: ends the connection at its next turn.
   void Stop();
   // The I/O thread, some time after ScheduleSweep: a server that has been away since the last sweep loses the
-  // watch. True: look again.
-  bool Sweep() TS_EXCLUDES(m_turn);
+  // watch. Lively: it has been there meanwhile. Again: the same, and it is away now.
+  enum class ESweep { Quiet, Lively, Again };
+  ESweep Sweep() TS_EXCLUDES(m_turn);
 
   // One thread other than the I/O thread: watches the connection instead of it, reads what comes until
   // something came, u64DueNs is reached or iWake becomes readable, then returns. The watch stays with this
@@ -97,12 +100,13 @@ class CBusWire : public std::enable_shared_from_this<CBusWire> {
   enum class EServe : uint32_t { No, Waiting, Away };
 
   void TurnHeld(uint64_t u64NowNs) TS_REQUIRES(m_turn) TS_EXCLUDES(m_cs);
-  void Process();
+  bool Process(int iMost);
   void Publish(bool bExact);
   void GiveTurn() TS_RELEASE(m_turn);
   void WriteHeld() TS_REQUIRES(m_turn);
   bool BeginServe() TS_EXCLUDES(m_turn);
-  void ReadTurn() TS_EXCLUDES(m_turn);
+  bool Linger(pollfd (&fds)[2]);
+  bool ReadTurn() TS_EXCLUDES(m_turn);
   void Open(uint64_t u64NowNs);
   int Begin();
   void Watch();
@@ -130,6 +134,8 @@ class CBusWire : public std::enable_shared_from_this<CBusWire> {
   std::atomic<uint32_t> m_uiServed{0};       // times that the server went away
   uint32_t m_uiSwept = 0;                    // the same, at the last sweep; the I/O thread's
   int m_iServedFd = -1;                      // the server's
+  CBusLinger m_linger;                       // the server's
+  bool m_bReadLast = false;                  // the server's: its last look found something
   std::string m_strFailure;  // a handler's reason to close; acted upon when sd-bus has returned
   std::map<uint64_t, GUID> m_asked;
   uint64_t m_u64RetryNs = 0;

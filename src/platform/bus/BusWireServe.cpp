@@ -2,9 +2,10 @@
 // dispatcher while it has nothing else to do.
 #include <poll.h>
 #include <pthread.h>
+#include <sched.h>
 #include <sys/eventfd.h>
 
-#include <algorithm>
+#include <utility>
 
 #include "platform/bus/BusCarrier.h"
 #include "platform/bus/BusClock.h"
@@ -79,14 +80,20 @@ bool CBusWire::BeginServe() {
 bool CBusWire::Serve(int iWake, uint64_t u64DueNs) {
   if (!BeginServe())
     return false;
-  pollfd fds[2] = {{m_iServedFd, POLLIN, 0}, {iWake, POLLIN, 0}};
-  if (WaitReadable(fds, u64DueNs)) {
-    eventfd_t count = 0;
-    if (fds[1].revents != 0)
-      eventfd_read(iWake, &count);
-    if (fds[0].revents != 0)
-      ReadTurn();
+  // One message at a time: while it is worked on, the daemon carries the next one. Behind it there may be
+  // more.
+  m_bReadLast = m_bReadLast && ReadTurn();
+  if (!m_bReadLast) {
+    pollfd fds[2] = {{m_iServedFd, POLLIN, 0}, {iWake, POLLIN, 0}};
+    if (Linger(fds) || WaitReadable(fds, u64DueNs)) {
+      eventfd_t count = 0;
+      if (fds[1].revents != 0)
+        eventfd_read(iWake, &count);
+      m_bReadLast = fds[0].revents != 0 && ReadTurn();
+    }
   }
+  if (m_bReadLast)
+    m_linger.CountMessage();
   m_uiServed.fetch_add(1);
   EServe eWaiting = EServe::Waiting;
   if (m_eServe.compare_exchange_strong(eWaiting, EServe::Away))
@@ -94,10 +101,30 @@ bool CBusWire::Serve(int iWake, uint64_t u64DueNs) {
   return true;
 }
 
-void CBusWire::ReadTurn() {
+bool CBusWire::Linger(pollfd (&fds)[2]) {
+  if (m_linger.May()) {
+    const timespec none{};
+    const uint64_t u64BeganNs = BusNowNs();
+    uint64_t u64TookNs = 0;
+    bool bFound = false;
+    do {
+      sched_yield();
+      bFound = ppoll(fds, 2, &none, nullptr) > 0;
+      u64TookNs = BusNowNs() - u64BeganNs;
+    } while (!bFound && u64TookNs < CBusLinger::kLongestNs);
+    m_linger.Lingered(bFound, u64TookNs);
+    if (bFound)
+      return true;
+  }
+  m_linger.Sleeps();
+  return false;
+}
+
+// True: something came.
+bool CBusWire::ReadTurn() {
   m_turn.Take();
   const bool bMore = WriteSome();
-  Process();
+  const bool bRead = Process(1);
   if (bMore || !m_strFailure.empty() || WriteSome())
     m_carrier.Ready(shared_from_this());  // what remains, and closing, is the I/O thread's
   if (m_pBus != nullptr) {
@@ -105,20 +132,20 @@ void CBusWire::ReadTurn() {
     Publish(false);
   }
   GiveTurn();
+  return bRead;
 }
 
-bool CBusWire::Sweep() {
-  if (m_eServe.load() != EServe::Away)
-    return false;
+CBusWire::ESweep CBusWire::Sweep() {
+  const bool bAway = m_eServe.load() == EServe::Away;
   const uint32_t uiServed = m_uiServed.load();
-  if (uiServed != m_uiSwept) {
-    m_uiSwept = uiServed;
-    return true;
-  }
+  if (std::exchange(m_uiSwept, uiServed) != uiServed)
+    return bAway ? ESweep::Again : ESweep::Lively;
+  if (!bAway)
+    return ESweep::Quiet;
   m_turn.Take();
   EServe eAway = EServe::Away;
   if (m_eServe.compare_exchange_strong(eAway, EServe::No) && m_pBus != nullptr)
     Watch();
   GiveTurn();
-  return false;
+  return ESweep::Quiet;
 }
