@@ -7,6 +7,7 @@
 #include "platform/bus/BusBatons.h"
 #include "platform/bus/BusClock.h"
 #include "platform/bus/BusDeadlines.h"
+#include "platform/bus/BusLinger.h"
 #include "platform/bus/BusPause.h"
 
 namespace {
@@ -170,6 +171,50 @@ TEST(BusPause, StopsForAWhile_WhenStrangersTookTheTime) {
   for (uint32_t i = 0; i < CBusPause::kSkipTimes; ++i)
     EXPECT_FALSE(Looks(pause, uiWorth - 1, u64NowNs += u64TookNs)) << i;
   EXPECT_TRUE(Looks(pause, 2, u64NowNs += u64TookNs)) << "then it is tried again";
+}
+
+void Got(CBusLinger& linger, uint32_t uiMessages) {
+  for (uint32_t i = 0; i < uiMessages; ++i)
+    linger.CountMessage();
+}
+
+TEST(BusLinger, Lingers_InAFlowOnly) {
+  CBusLinger linger;
+  EXPECT_FALSE(linger.May());
+  for (int i = 0; i < 3; ++i) {
+    Got(linger, 1);
+    EXPECT_FALSE(linger.May()) << "singles are no flow";
+    linger.Sleeps();
+  }
+  Got(linger, CBusLinger::kFlow);
+  EXPECT_TRUE(linger.May());
+  linger.Lingered(true, 1000);
+  Got(linger, 1);
+  EXPECT_TRUE(linger.May()) << "still the same flow";
+  linger.Lingered(false, CBusLinger::kLongestNs);
+  linger.Sleeps();
+  EXPECT_FALSE(linger.May());
+}
+
+TEST(BusLinger, StopsForAWhile_WhenItDoesNotPay) {
+  CBusLinger linger;
+  const auto inVain = [&] {
+    Got(linger, CBusLinger::kFlow);
+    const bool bMay = linger.May();
+    if (bMay)
+      linger.Lingered(false, CBusLinger::kLongestNs);
+    linger.Sleeps();
+    return bMay;
+  };
+  for (uint32_t i = 0; i < CBusLinger::kFailures; ++i)
+    EXPECT_TRUE(inVain()) << i;
+  for (uint32_t i = 0; i < CBusLinger::kSkipTimes; ++i)
+    EXPECT_FALSE(inVain()) << i;
+  EXPECT_TRUE(inVain()) << "then it is tried again";
+  Got(linger, CBusLinger::kFlow);
+  EXPECT_TRUE(linger.May());
+  linger.Lingered(true, CBusLinger::kStrangeNs + 1);
+  EXPECT_FALSE(linger.May()) << "strangers took the processor";
 }
 
 }  // namespace

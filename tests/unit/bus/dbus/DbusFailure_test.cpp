@@ -25,6 +25,7 @@ class DbusFailureTest : public DbusTest {
       uCount += done.At(i).uiStatus == uiStatus ? 1 : 0;
     return uCount;
   }
+  void IsReadWhileBusy(uint32_t uiDispatchers);
 };
 
 TEST_F(DbusFailureTest, AReceiverThatNeverAnswersCostsItsOwnCallsOnly) {
@@ -111,6 +112,56 @@ TEST_F(DbusFailureTest, AStoppedReceiverDoesNotStopTheOthers) {
   EXPECT_TRUE(EventuallyTrue([&] { return healthy->Count("recv 3") == 400; }));
   stopped->Signal(SIGCONT);
   Converse(own, guidStopped);
+}
+
+// The dispatchers are in callbacks; replies, withdrawals and newcomers reach the component nevertheless.
+void DbusFailureTest::IsReadWhileBusy(uint32_t uiDispatchers) {
+  constexpr uint32_t kCalls = 600;  // more than may be with the daemon at a time: replies make room
+  constexpr uint32_t kWaitMs = 30000;
+  ZxBusSettings settings;
+  settings.uiDispatchers = uiDispatchers;
+  CComponent own(settings);
+  CEventWaiter entered, open;
+  CCompletion done, doneNew;
+  CReceiver receiver([&](const _Received&) {
+    entered.Set();
+    open.Wait(1, 2 * kWaitMs);
+  });
+  const std::shared_ptr<void> atEnd(nullptr, [&](void*) { open.Set(); });  // before anybody waits for it
+  ASSERT_EQ(own->Receive(9, &receiver), 0u);
+  const GUID guidPeer = NewGuid();
+  const auto peer = MakePeer(guidPeer);
+  Converse(own, guidPeer);
+  peer->Tell("send " + TextOf(own.Guid()) + " 9 3 1000 " + std::to_string(uiDispatchers));
+  ASSERT_TRUE(entered.Wait(uiDispatchers, kWaitMs));
+  char szLine[16];
+  std::snprintf(szLine, sizeof(szLine), "done %x", unsigned{kBusErrTimeout});
+  for (uint32_t i = 0; i < uiDispatchers; ++i)
+    EXPECT_TRUE(peer->WaitFor(szLine, kWaitMs));
+  EXPECT_TRUE(EventuallyTrue([&] { return Figure(own.Guid(), "unanswered") == 0; }, kWaitMs)) << Stats();
+
+  for (uint32_t i = 0; i < kCalls; ++i)
+    ASSERT_EQ(own->AsynSendEx(&guidPeer, kEmpty, "x", 1, &done, nullptr, nullptr, 60000), 0u);
+  EXPECT_TRUE(EventuallyTrue([&] { return peer->Count("recv 4") == kCalls; }, kWaitMs)) << Stats();
+  const GUID guidNew = NewGuid();
+  const auto newcomer = MakePeer(guidNew);
+  EXPECT_EQ(SendWhenKnown(own, guidNew, kEmpty, "x", &doneNew), 0u);
+  EXPECT_EQ(done.Count(), 0u);
+  open.Set();
+  EXPECT_TRUE(done.Wait(kCalls, kWaitMs));
+  EXPECT_TRUE(doneNew.Wait(1, kWaitMs));
+  EXPECT_EQ(CountOf(done, 0), kCalls);
+  Converse(own, guidPeer);
+}
+
+TEST_F(DbusFailureTest, AConnectionIsReadWhileItsOnlyDispatcherIsBusy) {
+  Begin();
+  IsReadWhileBusy(1);
+}
+
+TEST_F(DbusFailureTest, AConnectionIsReadWhileAllItsDispatchersAreBusy) {
+  Begin();
+  IsReadWhileBusy(2);
 }
 
 TEST_F(DbusFailureTest, AStoppedDaemonBoundsTheSendersMemoryAndTellsIt) {
