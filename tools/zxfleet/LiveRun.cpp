@@ -23,7 +23,8 @@ namespace {
 
 using EDoor = CFleetServer::EDoor;
 
-constexpr uint32_t kStartSec = 120;  // the fleet is up within this, or never
+constexpr uint32_t kStartSec = 120;    // the fleet is up within this, or never
+constexpr uint32_t kPatienceSec = 60;  // for the return on a machine that is short of time
 constexpr uint64_t kBinMs = 100;
 
 struct _Usage {
@@ -192,10 +193,11 @@ class CLiveRun {
     const uint64_t u64UploadsBefore = m_server.Uploads();
     m_server.SetAway(false);
     const uint64_t u64Return = m_clock.NowMs();
-    const bool bBack = WaitFor(u64AfterMs, [&] { return AllUp(); });
+    const uint64_t u64PatienceMs = std::max<uint64_t>(u64AfterMs, kPatienceSec * 1000);
+    const bool bBack = WaitFor(u64PatienceMs, [&] { return AllUp(); });
     const double dBack = static_cast<double>(m_clock.NowMs() - u64Return) / 1000;
     const bool bDrained =
-        WaitFor(u64AfterMs, [&] { return m_server.Uploads() - u64UploadsBefore >= u64Queued; });
+        WaitFor(u64PatienceMs, [&] { return m_server.Uploads() - u64UploadsBefore >= u64Queued; });
     const double dDrained = static_cast<double>(m_clock.NowMs() - u64Return) / 1000;
     const uint64_t u64Spent = m_clock.NowMs() - u64Return;
     Sleep(u64AfterMs > u64Spent ? u64AfterMs - u64Spent : 0);

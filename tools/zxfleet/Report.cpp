@@ -11,7 +11,8 @@ namespace {
 constexpr double kMostPeakOverMean = 3;
 constexpr double kChanceMargin = 1.5;
 constexpr uint64_t kHonestBinMs = 100;
-constexpr uint64_t kCoarse = 10;  // bins of the measure in one of the second measure
+constexpr uint64_t kCoarse = 10;    // bins of the measure in one of the second measure, at least
+constexpr uint64_t kStallMs = 500;  // a busy machine may take this long to run a thread
 constexpr uint64_t kRows = 24;
 
 void PrintRows(const CAttemptBins& attempts, const _Outage& outage) {
@@ -30,7 +31,7 @@ void PrintRows(const CAttemptBins& attempts, const _Outage& outage) {
 bool PrintAttempts(const CAttemptBins& attempts, const _Outage& outage) {
   const uint64_t u64From = outage.u64ReturnMs;
   const uint64_t u64To = u64From + outage.u64MinuteMs;
-  const CAttemptBins coarse = attempts.Coarser(attempts.BinMs() * kCoarse);
+  const CAttemptBins coarse = attempts.Coarser(std::max(attempts.BinMs() * kCoarse, kStallMs));
   const double dPeak = attempts.PeakOverMean(u64From, u64To);
   const double dChance =
       PeakOverMeanByChance(attempts.Mean(u64From, u64To), (u64To - u64From) / attempts.BinMs());
@@ -48,7 +49,7 @@ bool PrintAttempts(const CAttemptBins& attempts, const _Outage& outage) {
     return false;
   if (attempts.BinMs() >= kHonestBinMs)
     return dPeak < std::max(kMostPeakOverMean, kChanceMargin * dChance);
-  // In scaled time a bin is shorter than what a busy machine takes to run a thread.
+  // In scaled time the fine bins show when the machine ran the threads.
   const double dCoarseChance = PeakOverMeanByChance(dMean, (u64To - u64From) / coarse.BinMs());
   return coarse.PeakOverMean(u64From, u64To) < std::max(kMostPeakOverMean, 2 * dCoarseChance);
 }

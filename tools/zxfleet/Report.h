@@ -13,8 +13,8 @@ struct _Outage {
   uint64_t u64EndMs = 0;
 };
 
-// True: peak over mean stays below 3 in 100 ms bins, or below what chance alone makes of so few machines, and
-// nothing later is higher than the first minute's mean.
+// True: peak over mean stays below 3 in 100 ms bins (in scaled time: in bins of half a second), or below what
+// chance alone makes of so few machines, and nothing later is higher than twice the first minute's mean.
 bool PrintAttempts(const CAttemptBins& attempts, const _Outage& outage);
 
 }  // namespace zxfleet
