@@ -211,10 +211,30 @@ TEST(BusLinger, StopsForAWhile_WhenItDoesNotPay) {
   for (uint32_t i = 0; i < CBusLinger::kSkipTimes; ++i)
     EXPECT_FALSE(inVain()) << i;
   EXPECT_TRUE(inVain()) << "then it is tried again";
+}
+
+TEST(BusLinger, Stops_WhenALongLookBringsLittle) {
+  constexpr uint32_t kMessages = 8;
+  CBusLinger linger;
   Got(linger, CBusLinger::kFlow);
+  for (int i = 0; i < 3; ++i) {
+    ASSERT_TRUE(linger.May()) << "others took the processor, but they sent messages meanwhile";
+    linger.Lingered(true, kMessages * CBusLinger::kWorthNs);
+    Got(linger, kMessages);
+  }
+  ASSERT_TRUE(linger.May());
+  linger.Lingered(true, kMessages * CBusLinger::kWorthNs);
+  Got(linger, kMessages - 1);
+  EXPECT_FALSE(linger.May()) << "strangers took it";
+}
+
+TEST(BusLinger, ShortLook_IsWorthOneMessage) {
+  CBusLinger linger;
+  Got(linger, CBusLinger::kFlow);
+  ASSERT_TRUE(linger.May());
+  linger.Lingered(true, CBusLinger::kShortNs);
+  Got(linger, 1);
   EXPECT_TRUE(linger.May());
-  linger.Lingered(true, CBusLinger::kStrangeNs + 1);
-  EXPECT_FALSE(linger.May()) << "strangers took the processor";
 }
 
 }  // namespace
