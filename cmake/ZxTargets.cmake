@@ -6,7 +6,8 @@ set(ZX_AGENT_CORE
 # With sanitizers the product's own files share a precompiled header too: nobody ships them, and a build from
 # nothing is a fifth shorter. The other presets show what a file forgot to include.
 if(ZX_PCH AND ZX_SANITIZE AND NOT ZX_FUZZ)
-  file(WRITE ${CMAKE_BINARY_DIR}/product_pch.cpp "")
+  # Written once: a newer file would be compiled again after every configuration.
+  file(CONFIGURE OUTPUT ${CMAKE_BINARY_DIR}/product_pch.cpp CONTENT "// Carries the precompiled header; nothing else.\n")
   add_library(product_pch OBJECT ${CMAKE_BINARY_DIR}/product_pch.cpp)
   target_link_libraries(product_pch PRIVATE zx_warnings zx_flags Threads::Threads)
   target_precompile_headers(product_pch PRIVATE
