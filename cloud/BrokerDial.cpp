@@ -69,7 +69,7 @@ bool CBrokerLink::Setup(std::string& strError) {
   mosquitto_threaded_set(m_pMosq, true);
   mosquitto_int_option(m_pMosq, MOSQ_OPT_PROTOCOL_VERSION, MQTT_PROTOCOL_V311);
   mosquitto_int_option(m_pMosq, MOSQ_OPT_TCP_NODELAY, 1);
-  mosquitto_max_inflight_messages_set(m_pMosq, kBrokerWindow);
+  mosquitto_max_inflight_messages_set(m_pMosq, kBrokerWindow + CToldConfirms::kMost);
   mosquitto_connect_callback_set(m_pMosq, &CBrokerLink::OnConnect);
   mosquitto_subscribe_callback_set(m_pMosq, &CBrokerLink::OnSubscribe);
   mosquitto_message_callback_set(m_pMosq, &CBrokerLink::OnMessage);
@@ -211,6 +211,7 @@ void CBrokerLink::OnMessage(mosquitto*, void* pThis, const mosquitto_message* pM
 
 void CBrokerLink::OnPublish(mosquitto*, void* pThis, int iMid) {
   CBrokerLink* pLink = Self(pThis);
+  pLink->m_confirms.Acknowledged(iMid);
   const auto it = pLink->m_mapInFlight.find(iMid);
   if (it == pLink->m_mapInFlight.end())
     return;

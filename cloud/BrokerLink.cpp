@@ -70,6 +70,7 @@ void CBrokerLink::Discard() {
   m_uBatchBytes = 0;
   m_listPushed.clear();
   m_mapInFlight.clear();
+  m_confirms.ConnectionEnded();
 }
 
 void CBrokerLink::Stop() {
@@ -152,8 +153,8 @@ void CBrokerLink::ServeConnection() {
     bAsked = m_iConnack == 0;
     if (m_bSubscribeRefused)
       return Lost("the broker refuses the subscriptions");
-    if (m_bSubscribed && !m_bUp)
-      OnUp();
+    if (m_bSubscribed && !m_bUp && !OnUp())
+      return;
     if (!m_bUp && ZxGetTickCount() > u64Deadline)
       return Lost("no answer to the connection");
     if (!CommitBatch() || (m_bUp && !PublishWaiting()) || !TurnConnection())
@@ -195,13 +196,18 @@ bool CBrokerLink::Subscribe() {
   return false;
 }
 
-void CBrokerLink::OnUp() {
+bool CBrokerLink::OnUp() {
   m_bUp = true;
   m_listReasons.clear();
   m_bMayWait = true;
   m_u64UpSince = ZxGetTickCount();
   LogInfoTo(CloudLog(), "zxcloudd broker connected address[%s]",
             AddressText(m_config.listAddresses[m_uAddress]));
+  for (_Confirm confirm; m_confirms.TakeAgain(confirm);) {
+    if (!PublishConfirm(std::move(confirm)))
+      return false;
+  }
+  return true;
 }
 
 bool CBrokerLink::WaitForWork(int iMs, bool& bReadable) {
@@ -264,19 +270,29 @@ bool CBrokerLink::CommitBatch() {
   m_listBatch.clear();
   m_uBatchBytes = 0;
   m_uFailures = 0;
-  return PublishConfirms(listConfirms);
+  return PublishConfirms(std::move(listConfirms));
 }
 
-// QoS 0: a machine that is not there, or misses one, sends its upload again and is told again.
-bool CBrokerLink::PublishConfirms(const std::vector<_Confirm>& listConfirms) {
-  for (const _Confirm& confirm : listConfirms) {
-    const int iCode =
-        mosquitto_publish(m_pMosq, nullptr, ConfirmTopic(confirm.strMid).c_str(),
-                          static_cast<int>(confirm.strText.size()), confirm.strText.data(), 0, false);
-    if (iCode != MOSQ_ERR_SUCCESS) {
-      Lost(mosquitto_strerror(iCode));
+// A machine that misses one sends its upload again and is told again; but that takes its patience, so the
+// broker's word is waited for while there is room to remember it.
+bool CBrokerLink::PublishConfirm(_Confirm confirm) {
+  int iMid = 0;
+  const int iQos = m_confirms.HasRoom() ? 1 : 0;
+  const int iCode =
+      mosquitto_publish(m_pMosq, &iMid, ConfirmTopic(confirm.strMid).c_str(),
+                        static_cast<int>(confirm.strText.size()), confirm.strText.data(), iQos, false);
+  if (iQos == 1)
+    m_confirms.Told(iMid, std::move(confirm));
+  if (iCode == MOSQ_ERR_SUCCESS)
+    return true;
+  Lost(mosquitto_strerror(iCode));
+  return false;
+}
+
+bool CBrokerLink::PublishConfirms(std::vector<_Confirm> listConfirms) {
+  for (_Confirm& confirm : listConfirms) {
+    if (!PublishConfirm(std::move(confirm)))
       return false;
-    }
   }
   return true;
 }

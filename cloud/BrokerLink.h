@@ -6,7 +6,7 @@
 // everything that arrived together); a command leaves the state "publishing" only with the broker's
 // acknowledgement. The session is durable: what arrives while the cloud is away waits in the broker.
 // The library object lives as long as one connection, so it carries nothing over to the next: what was not
-// acknowledged is in the database or in the broker.
+// acknowledged is in the database, in the broker, or among the confirmations to be told again.
 //
 // Nothing waits for the network without also waiting for Stop: names are looked up on a thread of their own,
 // and the connection is made without blocking. Each address of a name is tried in turn.
@@ -26,6 +26,7 @@
 #include "BrokerTls.h"
 #include "CloudConfig.h"
 #include "CloudService.h"
+#include "ToldConfirms.h"
 
 struct mosquitto;
 struct mosquitto_message;
@@ -69,9 +70,10 @@ class CBrokerLink {
   bool WaitForWork(int iMs, bool& bReadable);
   bool ReceiveBatch();
   bool CommitBatch();
-  bool PublishConfirms(const std::vector<_Confirm>& listConfirms);
+  bool PublishConfirms(std::vector<_Confirm> listConfirms);
+  bool PublishConfirm(_Confirm confirm);
   bool PublishWaiting();
-  void OnUp();
+  bool OnUp();
   void Lost(const std::string& strWhy);
   bool Pause(int iMs);  // false: stopping
   void DrainWake();
@@ -105,7 +107,8 @@ class CBrokerLink {
   size_t m_uBatchBytes = 0;
   std::vector<int64_t> m_listPushed;               // acknowledged by the broker, not yet noted
   std::unordered_map<int, int64_t> m_mapInFlight;  // library's message id to command
-  std::vector<std::string> m_listReasons;          // logged since the connection was lost
+  CToldConfirms m_confirms;
+  std::vector<std::string> m_listReasons;  // logged since the connection was lost
 };
 
 }  // namespace zxcloudd

@@ -191,6 +191,7 @@ void ReadTconf(CPJsonParse& json, CMembers members, _TconfConfig& tconf, std::st
   members.Text("lb", tconf.strLb);
   members.Number("keepalive_sec", 10, 600, tconf.iKeepaliveSec);
   members.Number("spread_sec", 0, 600, tconf.iSpreadSec);
+  members.Number("retry_max_sec", 5, 300, tconf.iRetryMaxSec);
   members.Number("refresh_sec", 60, 86400, tconf.iRefreshSec);
   members.Number("max_message_bytes", 1024, 256 << 20, tconf.iMaxMessageBytes);
   members.Flag("confirm", tconf.bConfirm);

@@ -46,7 +46,7 @@ struct _BrokerConfig {
 struct _TconfConfig {
   std::string strPcid;  // "product,combo,number" joined by "|"
   std::string strShort, strLong, strLb;
-  int iKeepaliveSec = 30, iSpreadSec = 60, iRefreshSec = 3600, iMaxMessageBytes = 8 << 20;
+  int iKeepaliveSec = 30, iSpreadSec = 60, iRetryMaxSec = 300, iRefreshSec = 3600, iMaxMessageBytes = 8 << 20;
   bool bConfirm = false;  // uploads over the broker are confirmed to the machine when they are on disk
   int iDrainPerSec = 100, iConnections = 2;
 };

@@ -37,6 +37,7 @@ std::string TconfText(const _TconfConfig& tconf) {
     json.Text("lb", tconf.strLb);
   json.Number("keepalive_sec", tconf.iKeepaliveSec);
   json.Number("spread_sec", tconf.iSpreadSec);
+  json.Number("retry_max_sec", tconf.iRetryMaxSec);
   json.Number("refresh_sec", tconf.iRefreshSec);
   json.Number("max_message_bytes", tconf.iMaxMessageBytes);
   if (tconf.bConfirm)

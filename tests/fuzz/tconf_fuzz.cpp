@@ -39,7 +39,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t uSize) {
   if (zxcloud::ParseTconf(sv, true, answer, strError)) {
     CheckList(answer.listShort);
     CheckList(answer.listLong);
-    Must(answer.iKeepAliveSec >= 10 && answer.iKeepAliveSec <= 600 && answer.uSpreadSec <= 600);
+    Must(answer.iKeepAliveSec >= 10 && answer.iKeepAliveSec <= 600 && answer.uSpreadSec <= 600 &&
+         (answer.uRetryMaxSec == 0 || answer.uRetryMaxSec >= 5) && answer.uRetryMaxSec <= 300);
     Must(answer.uRefreshSec >= 60 && answer.uMaxMessage >= 1024);
   } else {
     Must(!strError.empty());

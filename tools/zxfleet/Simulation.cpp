@@ -108,6 +108,7 @@ class CFleet {
     for (uint32_t i = 0; i < m_settings.uAddresses; ++i)
       listAddresses.push_back({"n" + std::to_string(i), 1, false});
     for (const auto& pMachine : m_list) {
+      pMachine->machine.SetRetryMax(m_settings.uRetryMaxSec);
       pMachine->machine.SetAddresses(listAddresses, m_settings.uSpreadSec);
       pMachine->machine.OnReady();
       pMachine->bDial = false;

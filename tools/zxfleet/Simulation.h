@@ -17,6 +17,7 @@ struct _SimSettings {
   uint64_t u64AwayMs = 120000;
   uint64_t u64AfterMs = 600000;  // how long to look on after the return
   uint32_t uSpreadSec = 60;
+  uint32_t uRetryMaxSec = 300;
   uint32_t uCapacity = 0;    // connections that the brokers can make per second; 0: any number
   uint32_t uBacklog = 4096;  // waiting for that; beyond, the attempt is not answered at all
   bool bSilent = false;      // away means no answer, instead of a refusal

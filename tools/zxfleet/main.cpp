@@ -23,6 +23,7 @@ void DefineSimulate(CLI::App& app, _SimSettings& sim, double& dAwaySec, double& 
   pSim->add_option("--after", dAfterSec, "seconds to look on after their return")
       ->check(CLI::Range(1.0, 86400.0));
   pSim->add_option("--spread", sim.uSpreadSec, "spread_sec")->check(CLI::Range(0, 600));
+  pSim->add_option("--retry-max", sim.uRetryMaxSec, "retry_max_sec")->check(CLI::Range(5, 300));
   pSim->add_option("--capacity", sim.uCapacity,
                    "connections per second that the brokers make; 0: any number");
   pSim->add_option("--backlog", sim.uBacklog, "connections that wait for that; more are not answered");

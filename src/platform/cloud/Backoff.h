@@ -8,6 +8,10 @@
 
 namespace zxcloud {
 
+// Between these lies what the cloud and the settings may choose for the widest window (retry_max_sec).
+inline constexpr uint32_t kLeastRetrySec = 5;
+inline constexpr uint32_t kMaxRetrySec = 300;
+
 class CBackoff {
  public:
   CBackoff(uint32_t dwBase, uint32_t dwCap, IRandom& random);
@@ -17,6 +21,9 @@ class CBackoff {
   uint32_t Next(uint32_t dwLeast = 0);
   // For refusals that time alone does not heal: in the upper half of the widest window, and stays there.
   uint32_t NextAtCap();
+  // From the next call on no window of Next is wider, other than by its dwLeast. Nothing above the cap
+  // counts.
+  void SetWidest(uint32_t dwWidest);
   void Reset() { m_uFailures = 0; }
   uint32_t Failures() const { return m_uFailures; }
 
@@ -24,6 +31,7 @@ class CBackoff {
   const uint32_t m_dwBase;
   const uint32_t m_dwCap;
   IRandom& m_random;
+  uint32_t m_dwWidest;
   uint32_t m_uFailures = 0;
 };
 

@@ -33,6 +33,8 @@ class CBulkLink : private ILinkActions {
   void Follow(const _CloudAddress& address, _MqttOpen open, const std::string& strUpPrefix);
   void Leave(bool bPolite);  // the commands' connection is not up any more
 
+  void SetRetryMax(uint32_t uRetryMaxSec) { m_machine.SetRetryMax(uRetryMaxSec); }
+
   bool IsUp() const { return m_bUp.load(); }  // any thread
   // It is not up and what is meant for it is not to wait any longer.
   bool IsMissed() const;

@@ -136,6 +136,7 @@ bool ReadLinkSettings(CPJsonParse& json, const std::string& strHome, _CloudConfi
       !members.Text("db_path", config.spool.strFile) ||
       !members.Bytes("spool_bytes", config.spool.uMaxBytes) ||
       !members.Seconds("spool_age_sec", kMinSpoolAgeSec, kMaxSpoolAgeSec, config.spool.uMaxAgeSec) ||
+      !members.Seconds("retry_max_sec", kLeastRetrySec, kMaxRetrySec, config.uRetryMaxSec) ||
       !members.Sync("spool_sync", config.spool.bFull) ||
       !members.Flag("plaintext_loopback", config.bPlainLoopback) ||
       !members.Bytes("max_queue_bytes", config.uMaxQueueBytes) || !members.Pins("pins", tls.listPins))

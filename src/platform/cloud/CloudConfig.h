@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "platform/cloud/Backoff.h"
 #include "platform/cloud/CloudAddress.h"
 #include "platform/cloud/Spool.h"
 #include "platform/cloud/TlsPolicy.h"
@@ -18,6 +19,7 @@ struct _CloudConfig {
   _TlsSettings tls;
   bool bPlainLoopback = false;
   std::string strProxy;                        // may hold a password: never logged
+  uint32_t uRetryMaxSec = kMaxRetrySec;        // until the cloud has said its own
   size_t uMaxQueueBytes = kDefaultQueueBytes;  // in memory, for blocking callers
   _SpoolSettings spool;                        // on disk, for the others
 };

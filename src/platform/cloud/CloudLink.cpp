@@ -71,8 +71,8 @@ CCloudLink::CCloudLink(const zxcloud_record& record, _CloudConfig config, _Cloud
              }),
       m_short(
           {m_times, m_clock, m_randomShort, m_outbox, m_waiters, m_callbacks, m_log, m_errors, m_http, *this},
-          {m_config.listTconf, record.channel_id == nullptr ? "" : record.channel_id,
-           m_config.bPlainLoopback}),
+          {m_config.listTconf, record.channel_id == nullptr ? "" : record.channel_id, m_config.bPlainLoopback,
+           m_config.uRetryMaxSec}),
       m_spool({m_outbox, m_clock, m_wallClock, m_log, [this] { return NewId(++m_u64LastSeq); },
                [this] { WakeSenders(); }},
               m_config.spool),
@@ -247,6 +247,7 @@ void CCloudLink::ConfigureLong() {
     settings.strMid = m_options.strMid;
     settings.iKeepAliveSec = m_options.bHbDisable ? 0 : m_tconf->iKeepAliveSec;
     settings.uSpreadSec = m_tconf->uSpreadSec;
+    settings.uRetryMaxSec = m_tconf->uRetryMaxSec != 0 ? m_tconf->uRetryMaxSec : m_config.uRetryMaxSec;
     settings.uDrainPerSec = m_tconf->uDrainPerSec;
     settings.bBulkLink = m_tconf->uConnections > 1;
     settings.bConfirm = m_tconf->uConfirm != 0;

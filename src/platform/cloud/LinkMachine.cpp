@@ -43,6 +43,10 @@ void CLinkMachine::SetAddresses(std::vector<_CloudAddress> list, uint32_t uSprea
   Fire(ELinkEvent::Addresses);
 }
 
+void CLinkMachine::SetRetryMax(uint32_t uRetryMaxSec) {
+  m_backoff.SetWidest(uRetryMaxSec * 1000);
+}
+
 void CLinkMachine::OnStage(ELinkStage eStage) {
   if (m_eState != ELinkState::Connecting)
     return;

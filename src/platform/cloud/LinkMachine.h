@@ -45,6 +45,8 @@ class CLinkMachine {
 
   // An empty list ends the long connection. A connection to an address that is still listed stays.
   void SetAddresses(std::vector<_CloudAddress> list, uint32_t uSpreadSec);
+  // The widest window of the back-off between rounds; refusals keep the cap. Counts from the next wait on.
+  void SetRetryMax(uint32_t uRetryMaxSec);
   void OnStage(ELinkStage eStage);
   void OnReady();
   // An attempt that failed or a connection that was lost; strReason goes into the log.

@@ -148,6 +148,8 @@ void CLongLink::TakeSettings() {
     m_confirms.Use(false);
     SendAgain(m_confirms.TakeAll());
   }
+  m_machine.SetRetryMax(m_settings.uRetryMaxSec);
+  m_bulk.SetRetryMax(m_settings.uRetryMaxSec);
   m_machine.SetAddresses(m_settings.listAddresses, m_settings.uSpreadSec);
   if (m_settings.listAddresses.empty()) {
     m_u64Down.store(0);

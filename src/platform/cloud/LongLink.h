@@ -16,6 +16,7 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/cloud/Backoff.h"
 #include "platform/cloud/BulkLink.h"
 #include "platform/cloud/Callbacks.h"
 #include "platform/cloud/CloudLog.h"
@@ -44,6 +45,7 @@ struct _LongSettings {
   uint32_t uDrainPerSec = kDefaultDrainPerSec;
   bool bBulkLink = true;  // a connection of its own for bulk data
   bool bConfirm = false;  // the cloud confirms uploads; counts from the next connection on, its end at once
+  uint32_t uRetryMaxSec = kMaxRetrySec;
 };
 
 struct _LongStatus {

@@ -53,7 +53,9 @@ CShortLink::CShortLink(const _Ports& ports, _Settings settings)
       m_backoffUpload(ports.times.dwBackoffBase, ports.times.dwBackoffCap, ports.random),
       m_quietTconf(ports.times.dwQuietLog),
       m_quietPoll(ports.times.dwQuietLog),
-      m_quietUpload(ports.times.dwQuietLog) {}
+      m_quietUpload(ports.times.dwQuietLog) {
+  SetRetryMax(m_settings.uRetryMaxSec);
+}
 
 CShortLink::~CShortLink() {
   ZxDestroyEvent(m_hEvent);
@@ -105,6 +107,11 @@ uint32_t CShortLink::RunOnce() {
     return DoUpload() ? 0 : kNotReadyMs;
   }
   return dwWait;
+}
+
+void CShortLink::SetRetryMax(uint32_t uRetryMaxSec) {
+  m_backoffTconf.SetWidest(uRetryMaxSec * 1000);
+  m_backoffUpload.SetWidest(uRetryMaxSec * 1000);
 }
 
 _HttpRequest CShortLink::Request(const char* pszMethod, const char* pszTarget,
@@ -175,6 +182,7 @@ void CShortLink::TconfArrived(const _CloudAddress& address, const _HttpAnswer& a
   m_u64TconfDue = m_ports.clock.NowMs() + dwRefresh - m_ports.random.Below(dwRefresh / kRefreshJitterPart);
   m_uMaxMessage.store(parsed.uMaxMessage);
   m_uDrainPerSec = parsed.uDrainPerSec;
+  SetRetryMax(parsed.uRetryMaxSec != 0 ? parsed.uRetryMaxSec : m_settings.uRetryMaxSec);
   const bool bOwnService = parsed.listShort.empty() || parsed.listShort.front() == address;
   std::vector<_CloudAddress> listShort =
       parsed.listShort.empty() ? std::vector<_CloudAddress>{address} : parsed.listShort;

@@ -63,6 +63,7 @@ class CShortLink {
     std::vector<_CloudAddress> listTconf;
     std::string strChannelId;
     bool bPlainLoopback = false;
+    uint32_t uRetryMaxSec = kMaxRetrySec;  // until a terminal configuration says its own
   };
 
   CShortLink(const _Ports& ports, _Settings settings);
@@ -91,6 +92,7 @@ class CShortLink {
 
   bool TakeJob(_PollJob& job) TS_EXCLUDES(m_cs);
   void DoPoll(const _PollJob& job);
+  void SetRetryMax(uint32_t uRetryMaxSec);
   void DoTconf();
   _HttpAnswer AskTconf(const _CloudAddress& address, const _CloudOptions& options) const;
   void TconfArrived(const _CloudAddress& address, const _HttpAnswer& answer, _TconfAnswer parsed);

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "platform/cloud/Backoff.h"
 #include "platform/doc/PJsonParse.h"
 
 namespace zxcloud {
@@ -73,6 +74,7 @@ bool ParseTconf(std::string_view svText, bool bPlainAllowed, _TconfAnswer& answe
       !Addresses(pRoot, "long", kMqttsPort, bPlainAllowed, parsed.listLong, strError) ||
       !Number(pRoot, "keepalive_sec", 10, 600, parsed.iKeepAliveSec, strError) ||
       !Number(pRoot, "spread_sec", 0, 600, parsed.uSpreadSec, strError) ||
+      !Number(pRoot, "retry_max_sec", kLeastRetrySec, kMaxRetrySec, parsed.uRetryMaxSec, strError) ||
       !Number(pRoot, "refresh_sec", 60, 86400, parsed.uRefreshSec, strError) ||
       !Number(pRoot, "drain_per_sec", 0, 1000000, parsed.uDrainPerSec, strError) ||
       !Number(pRoot, "connections", 1, 2, parsed.uConnections, strError) ||

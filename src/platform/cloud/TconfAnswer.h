@@ -21,6 +21,7 @@ struct _TconfAnswer {
   std::string strLb;
   int iKeepAliveSec = 30;
   uint32_t uSpreadSec = 60;
+  uint32_t uRetryMaxSec = 0;  // 0: not said
   uint32_t uRefreshSec = 3600;
   uint32_t uDrainPerSec = 100;  // 0: no limit
   uint32_t uConnections = 2;

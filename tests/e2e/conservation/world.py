@@ -16,6 +16,7 @@ from proxy import Proxy
 
 MID = "conservation-machine"
 CERTIFICATE_DAYS = 20
+RETRY_MAX_SEC = 5
 CLOCK_SLACK = 86400 * 5
 
 
@@ -207,7 +208,7 @@ class Cloud(Program):
 
     def configure(self, short, long):
         tconf = {"pcid": [{"product": "veltcwpp", "combo": "zxsample", "id": 1001}], "short": short, "long": long,
-                 "spread_sec": 1, "keepalive_sec": 10}
+                 "spread_sec": 1, "retry_max_sec": RETRY_MAX_SEC, "keepalive_sec": 10}
         if self.confirm:
             tconf["confirm"] = True
         config = {
@@ -269,7 +270,7 @@ class Sender(Program):
     def configure(self, tconf):
         with open(self.config, "w", encoding="ascii") as text:
             json.dump({"tconf": {"tconf_url": tconf},
-                       "zxcloudconf": {"ca_file": self.certificates + "/ca.pem", "db_path": self.spool}}, text)
+                       "zxcloudconf": {"ca_file": self.certificates + "/ca.pem", "db_path": self.spool, "retry_max_sec": RETRY_MAX_SEC}}, text)
 
     def arguments(self):
         return [self.program, "--config", self.config, "--mid", MID, "--log", self.accepted_file, *self.options]

@@ -44,6 +44,18 @@ TEST(Backoff, NextAtCap_IsInTheUpperHalf_AndStays) {
   EXPECT_EQ(backoff.Next(), 300000u);
 }
 
+TEST(Backoff, SetWidest_BoundsNext_NotTheCap) {
+  CFakeRandom random;
+  CBackoff backoff(1000, 300000, random);
+  backoff.SetWidest(5000);
+  for (const uint32_t dwWindow : {1000u, 2000u, 4000u, 5000u, 5000u})
+    EXPECT_EQ(backoff.Next(), dwWindow);
+  EXPECT_EQ(backoff.Next(60000), 60000u);
+  EXPECT_EQ(backoff.NextAtCap(), 150000u);
+  backoff.SetWidest(1000000);
+  EXPECT_EQ(backoff.Next(), 300000u);
+}
+
 TEST(Backoff, DelayAfter_ObeysRetryAfter_WithASpread) {
   CFakeRandom random;
   EXPECT_EQ(DelayAfter(700, 0, random), 700u);

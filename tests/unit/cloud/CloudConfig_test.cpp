@@ -58,6 +58,7 @@ TEST_F(CCloudConfigTest, Load_HasDefaults_WithoutItsObject) {
     EXPECT_TRUE(m_config.spool.bFull);
     EXPECT_EQ(m_config.spool.strFile, m_home.Root().Str() + "etc/zxagent/zxcloud.db");
     EXPECT_FALSE(m_config.bPlainLoopback);
+    EXPECT_EQ(m_config.uRetryMaxSec, 300u);
     EXPECT_EQ(m_config.strProxy, "");
     EXPECT_TRUE(m_config.tls.listPins.empty());
     for (const std::string* p : {&m_config.tls.strCaFile, &m_config.tls.strCaPath, &m_config.tls.strCrlFile,
@@ -66,7 +67,8 @@ TEST_F(CCloudConfigTest, Load_HasDefaults_WithoutItsObject) {
   };
   Defaults();
   // Nothing of an earlier file stays.
-  ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"spool_bytes":100000,"spool_age_sec":100,
+  ASSERT_TRUE(Load(
+      R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{"spool_bytes":100000,"spool_age_sec":100,"retry_max_sec":10,
       "spool_sync":"normal","db_path":"x.db","max_queue_bytes":100000,"plaintext_loopback":true,
       "ca_file":"a","ca_path":"b","crl_file":"c","cert_file":"d","key_file":"e","proxy":"p"}})"));
   ASSERT_TRUE(Load(R"({"tconf":{"tconf_url":"a"},"zxcloudconf":{}})"));
@@ -139,6 +141,7 @@ TEST_F(CCloudConfigTest, Load_BringsEachNumberIntoItsRange) {
       {"max_queue_bytes", 65536, 4294967296,
        [](const _CloudConfig& c) { return uint64_t{c.uMaxQueueBytes}; }},
       {"spool_bytes", 65536, 4294967296, [](const _CloudConfig& c) { return uint64_t{c.spool.uMaxBytes}; }},
+      {"retry_max_sec", 5, 300, [](const _CloudConfig& c) { return uint64_t{c.uRetryMaxSec}; }},
       {"spool_age_sec", 60, 31622400, [](const _CloudConfig& c) { return uint64_t{c.spool.uMaxAgeSec}; }},
   };
   for (const auto& member : kMembers) {
@@ -172,6 +175,7 @@ TEST_F(CCloudConfigTest, Load_RefusesTheWrongTypeOfEachMember_AndKeepsWhatItHad)
   const std::pair<const char*, std::vector<const char*>> kMembers[] = {
       {"max_queue_bytes", {"\"1\"", "true", "null", "[1]", "{}"}},
       {"spool_bytes", {"\"1\"", "true", "null", "[1]", "{}"}},
+      {"retry_max_sec", {"\"1\"", "true", "null", "[1]", "{}"}},
       {"spool_age_sec", {"\"1\"", "true", "null", "[1]", "{}"}},
       {"spool_sync", {"1", "true", "null", "\"\"", "\"FULL\"", "\"off\"", "[\"full\"]"}},
       {"db_path", {"1", "false", "null", "[]"}},

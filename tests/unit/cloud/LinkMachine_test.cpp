@@ -130,6 +130,25 @@ TEST_F(CLinkMachineTest, Lost_KeepsTheSpread_UntilThereIsAConnectionAgain) {
                                  "waits 64000 a:1: x", "waits 128000 a:1: x"));
 }
 
+TEST_F(CLinkMachineTest, RetryMax_BoundsEveryWaitButTheSpreadAndThatOfARefusal) {
+  m_machine.SetRetryMax(5);
+  m_machine.SetAddresses(List("a:1"), 0);
+  std::vector<std::string> waits;
+  for (int i = 0; i < 4; ++i) {
+    m_machine.OnFailed("x");
+    waits.push_back(Seen().back());
+    Expire();
+  }
+  m_machine.OnReady();
+  m_machine.OnFailed("kicked");
+  waits.push_back(Seen().back());
+  Expire();
+  m_machine.OnRefused("no");
+  waits.push_back(Seen().back());
+  EXPECT_THAT(waits, ElementsAre("waits 1000 a:1: x", "waits 2000 a:1: x", "waits 4000 a:1: x",
+                                 "waits 5000 a:1: x", "waits 5000 a:1: kicked", "waits 150000 a:1: no"));
+}
+
 TEST_F(CLinkMachineTest, Crowded_WaitsLongerWithEachRound) {
   m_machine.SetAddresses(List("a:1"), 60);
   std::vector<uint64_t> patience;

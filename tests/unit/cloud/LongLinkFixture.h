@@ -28,9 +28,16 @@ class CLongLinkFixture : public ::testing::Test {
     for (int i = 0; i < iTurns; ++i)
       m_link.RunOnce(0);
   }
-  void Configure(const std::string& strAddresses, uint32_t uDrainPerSec = 0, bool bBulkLink = true) {
-    m_link.Configure({zxcloud::ParseAddressList(strAddresses, zxcloud::kMqttsPort, false), "m-1", 30, 0,
-                      uDrainPerSec, bBulkLink});
+  void Configure(const std::string& strAddresses, uint32_t uDrainPerSec = 0, bool bBulkLink = true,
+                 uint32_t uRetryMaxSec = 300) {
+    zxcloud::_LongSettings settings;
+    settings.listAddresses = zxcloud::ParseAddressList(strAddresses, zxcloud::kMqttsPort, false);
+    settings.strMid = "m-1";
+    settings.uSpreadSec = 0;
+    settings.uDrainPerSec = uDrainPerSec;
+    settings.bBulkLink = bBulkLink;
+    settings.uRetryMaxSec = uRetryMaxSec;
+    m_link.Configure(std::move(settings));
     Turn();
   }
   static void ComeUp(CFakeTransport& transport) {

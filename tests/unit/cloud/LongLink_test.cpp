@@ -334,6 +334,23 @@ TEST_F(CLongLinkTest, Offline_LogsAChangedReasonAtOnce_ButNotOneAfterAnother) {
   EXPECT_GE(CCallbackLog::Count(kNotUp), kReasonsMax - 1);
 }
 
+TEST_F(CLongLinkTest, RetryMax_BringsBothConnectionsBackInTime) {
+  Configure("127.0.0.1:1", 0, true, 6);
+  for (int i = 0; i < 8; ++i) {
+    m_pTransport->events.OnClosed(EMqttFailure::Network, "refused");
+    Turn();
+    Advance(6000);
+    ASSERT_EQ(m_pTransport->opened.size(), static_cast<size_t>(i) + 2);
+  }
+  ComeUp();
+  for (int i = 0; i < 8; ++i) {
+    m_pBulk->events.OnClosed(EMqttFailure::Network, "refused");
+    Turn();
+    Advance(6000);
+    ASSERT_EQ(m_pBulk->opened.size(), static_cast<size_t>(i) + 2);
+  }
+}
+
 TEST_F(CLongLinkTest, TimeOut_HangsUp_AndTheNextAddressFollows) {
   Configure("127.0.0.1:1,127.0.0.2:2");
   m_pTransport->events.OnTcpUp();

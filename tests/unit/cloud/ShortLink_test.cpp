@@ -88,7 +88,7 @@ class CShortLinkTest : public ::testing::Test, public IShortPeer {
   uint64_t m_u64Seq = 0;
   CShortLink m_link{
       {m_times, m_clock, m_random, m_outbox, m_waiters, m_callbacks, m_log, m_errors, m_http, *this},
-      {ParseAddressList("t1:1,t2:2", kHttpsPort, false), "channel", false}};
+      {ParseAddressList("t1:1,t2:2", kHttpsPort, false), "channel", false, 10}};
 };
 
 }  // namespace
@@ -315,6 +315,39 @@ TEST_F(CShortLinkTest, Upload_BacksOff_AndObeysRetryAfter) {
   Work();
   EXPECT_EQ(m_http.Seen("/v1/upload").size(), 2u);
   EXPECT_EQ(m_outbox.Bytes(), 0u);
+}
+
+TEST_F(CShortLinkTest, RetryMax_OfTheSettings_CountsUntilTheCloudNamesIts) {
+  for (const uint32_t dwWait : {1000u, 2000u, 4000u, 8000u, 10000u, 10000u}) {
+    EXPECT_EQ(Work(), dwWait);
+    m_clock.Advance(dwWait);
+  }
+  m_answers["/v1/tconf"] = CFakeHttp::Status(200, R"({"v":1,"refresh_sec":86400})");
+  Work();
+  m_answers["/v1/upload"] = CFakeHttp::Status(500);
+  Add();
+  for (const uint32_t dwWait : {1000u, 2000u, 4000u, 8000u, 10000u, 10000u}) {
+    EXPECT_EQ(Work(), dwWait);
+    m_clock.Advance(dwWait);
+  }
+}
+
+TEST_F(CShortLinkTest, RetryMax_BoundsTheWaitsForUploadsAndConfiguration) {
+  m_answers["/v1/tconf"] = CFakeHttp::Status(200, R"({"v":1,"retry_max_sec":7,"refresh_sec":86400})");
+  Work();
+  m_answers["/v1/upload"] = CFakeHttp::Status(500);
+  Add();
+  for (const uint32_t dwWait : {1000u, 2000u, 4000u, 7000u, 7000u}) {
+    EXPECT_EQ(Work(), dwWait);
+    m_clock.Advance(dwWait);
+  }
+  m_answers["/v1/upload"] = CFakeHttp::Status(200);
+  m_answers["/v1/tconf"] = CFakeHttp::Status(500);
+  m_clock.Advance(86400000);
+  for (const uint32_t dwWait : {1000u, 2000u, 4000u, 7000u, 7000u}) {
+    EXPECT_EQ(Work(), dwWait);
+    m_clock.Advance(dwWait);
+  }
 }
 
 TEST_F(CShortLinkTest, Upload_DrainsSlowlyAfterAReturn_AndBlockingSendersPass) {

@@ -10,7 +10,7 @@ TEST(TconfAnswer, Parse_TakesEverything) {
   _TconfAnswer answer;
   std::string strError;
   ASSERT_TRUE(ParseTconf(R"({"v":1,"pcid":"a,b,1|c,d,2","short":"s:1,t","long":"l:2,m","lb":"opaque",
-      "keepalive_sec":45,"spread_sec":10,"refresh_sec":120,"max_message_bytes":2048,
+      "keepalive_sec":45,"spread_sec":10,"retry_max_sec":20,"refresh_sec":120,"max_message_bytes":2048,
       "drain_per_sec":7,"connections":1,"confirm":1,"future":{}})",
                          false, answer, strError))
       << strError;
@@ -21,6 +21,7 @@ TEST(TconfAnswer, Parse_TakesEverything) {
   EXPECT_EQ(answer.strLb, "opaque");
   EXPECT_EQ(answer.iKeepAliveSec, 45);
   EXPECT_EQ(answer.uSpreadSec, 10u);
+  EXPECT_EQ(answer.uRetryMaxSec, 20u);
   EXPECT_EQ(answer.uRefreshSec, 120u);
   EXPECT_EQ(answer.uConfirm, 1u);
   EXPECT_EQ(answer.uMaxMessage, 2048u);
@@ -36,6 +37,7 @@ TEST(TconfAnswer, Parse_HasDefaults) {
   EXPECT_TRUE(answer.listLong.empty());
   EXPECT_EQ(answer.iKeepAliveSec, 30);
   EXPECT_EQ(answer.uSpreadSec, 60u);
+  EXPECT_EQ(answer.uRetryMaxSec, 0u);
   EXPECT_EQ(answer.uRefreshSec, 3600u);
   EXPECT_EQ(answer.uMaxMessage, 8388608u);
   EXPECT_EQ(answer.uDrainPerSec, 100u);
@@ -50,6 +52,7 @@ TEST(TconfAnswer, Parse_BringsNumbersIntoTheirRange) {
   } const kMembers[] = {
       {"keepalive_sec", 10, 600, 30, [](const _TconfAnswer& a) { return int64_t{a.iKeepAliveSec}; }},
       {"spread_sec", 0, 600, 60, [](const _TconfAnswer& a) { return int64_t{a.uSpreadSec}; }},
+      {"retry_max_sec", 5, 300, 0, [](const _TconfAnswer& a) { return int64_t{a.uRetryMaxSec}; }},
       {"refresh_sec", 60, 86400, 3600, [](const _TconfAnswer& a) { return int64_t{a.uRefreshSec}; }},
       {"drain_per_sec", 0, 1000000, 100, [](const _TconfAnswer& a) { return int64_t{a.uDrainPerSec}; }},
       {"connections", 1, 2, 2, [](const _TconfAnswer& a) { return int64_t{a.uConnections}; }},

@@ -32,7 +32,7 @@ TEST(CloudConfig, Full_TakesEveryMember) {
       "broker":{"addresses":"a:1,[::2]:2","ca_file":"ca","cert_file":"bc","key_file":"bk","username":"u",
       "password_file":"pw","client_id":"id","keepalive_sec":20},
       "tconf":{"pcid":[{"product":"A","combo":"B","id":3},{"product":"C","combo":"D","id":7}],"short":"s:1",
-      "long":"l:2","lb":"b","keepalive_sec":11,"spread_sec":0,"refresh_sec":61,"max_message_bytes":4096,
+      "long":"l:2","lb":"b","keepalive_sec":11,"spread_sec":0,"retry_max_sec":9,"refresh_sec":61,"max_message_bytes":4096,
       "drain_per_sec":12,"connections":1,"confirm":true},
       "poll":{"period_sec":9,"max_commands":2,"reoffer_sec":3,"max_offers":4},
       "limits":{"agents":1,"pending_per_agent":2,"finished_per_agent":3,"uploads_per_agent":4,
@@ -47,6 +47,7 @@ TEST(CloudConfig, Full_TakesEveryMember) {
   EXPECT_EQ(config.broker.listAddresses.size(), 2u);
   EXPECT_EQ(AddressText(config.broker.listAddresses[1]), "[::2]:2");
   EXPECT_EQ(config.tconf.strPcid, "A,B,3|C,D,7");
+  EXPECT_EQ(config.tconf.iRetryMaxSec, 9);
   EXPECT_EQ(config.tconf.iDrainPerSec, 12);
   EXPECT_EQ(config.tconf.iConnections, 1);
   EXPECT_EQ(config.poll.iMaxOffers, 4);
