@@ -40,22 +40,28 @@ CBrokerLink::~CBrokerLink() {
   Stop();
 }
 
+// What the configuration names is read now, so that a mistake is a failed start.
+bool CBrokerLink::Check(std::string& strError) {
+  if (m_config.listAddresses.empty())
+    return true;
+  mosquitto_lib_init();
+  const bool bUsable = SetupTls(m_config.listAddresses.front().strHost, strError) && Setup(strError);
+  Discard();
+  mosquitto_lib_cleanup();
+  return bUsable;
+}
+
 bool CBrokerLink::Start(std::string& strError) {
   if (m_config.listAddresses.empty())
     return true;
+  if (!Check(strError))
+    return false;
   m_iWakeFd = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
   if (m_iWakeFd < 0) {
     strError = std::string("eventfd: ") + ErrnoText(errno);
     return false;
   }
   mosquitto_lib_init();
-  // What the configuration names is read now, so that a mistake is a failed start.
-  const bool bUsable = SetupTls(m_config.listAddresses.front().strHost, strError) && Setup(strError);
-  Discard();
-  if (!bUsable) {
-    Stop();
-    return false;
-  }
   m_bStop = false;
   m_thread = std::thread(&CBrokerLink::Loop, this);
   return true;

@@ -11,7 +11,8 @@
 // Nothing waits for the network without also waiting for Stop: names are looked up on a thread of their own,
 // and the connection is made without blocking. Each address of a name is tried in turn.
 //
-// Threads: Start and Stop from main; Wake and IsUp from any. Only the link's thread touches the library.
+// Threads: Check, Start and Stop from main; Wake and IsUp from any. Only the link's thread touches the
+// library.
 #pragma once
 
 #include <sys/types.h>
@@ -42,7 +43,9 @@ class CBrokerLink {
   CBrokerLink(const CBrokerLink&) = delete;
   CBrokerLink& operator=(const CBrokerLink&) = delete;
 
-  // False: the configuration cannot work (strError says why). An unreachable broker is no failure.
+  // False: the configuration cannot work (strError says why). Start checks too. An unreachable broker is no
+  // failure.
+  bool Check(std::string& strError);
   bool Start(std::string& strError);
   void Stop();  // waits for the thread, which never blocks on the network
   void Wake();  // a command may be waiting

@@ -56,10 +56,12 @@ bool CDaemon::Start(std::string& strError) {
   const auto operatorHandler = [this](const _HttpRequest& request) {
     return HandleOperator(m_service, m_strToken, request);
   };
-  return m_link.Start(strError) &&
+  // The broker hears of a cloud that has started, not of one that tries to: what it hands over to that would
+  // be acknowledged without the machine's knowing.
+  return m_link.Check(strError) &&
          m_agentServer.Start(AgentOptions(m_config.agent), agentHandler, strError) &&
          m_operatorServer.Start(OperatorOptions(m_config.op), operatorHandler, strError) &&
-         WriteRunFile(strError);
+         WriteRunFile(strError) && m_link.Start(strError);
 }
 
 void CDaemon::Stop() {

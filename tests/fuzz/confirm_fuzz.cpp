@@ -63,7 +63,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* pData, size_t uSize) {
   size_t uBytes = 0;
   for (uint64_t u64Seq = 1; u64Seq <= pData[0] % (kMaxIds + 1); ++u64Seq) {
     const auto pItem = MakeOutItem(u64Seq, 0, IdOf(u64Seq), "body");
-    confirms.Sent(*pItem, 1000);
+    confirms.Sent(*pItem, nullptr, 1000);
     model.waiting[pItem->strId] = u64Seq;
     uBytes += pItem->Bytes();
   }

@@ -20,13 +20,13 @@ void CConfirms::Limit(_OutRoom& room) const {
   room.bIdle = room.bIdle && m_mapSeqs.empty();
 }
 
-void CConfirms::Sent(const _OutItem& item, uint64_t u64NowMs) {
+void CConfirms::Sent(const _OutItem& item, const void* pConnection, uint64_t u64NowMs) {
   if (!m_bUse)
     return;
   Forget(item.u64Seq);
   if (m_mapSeqs.empty())
     m_u64Due = u64NowMs + m_u64Wait;
-  m_mapSeqs.emplace(item.u64Seq, _Entry{item.strId, item.Bytes(), u64NowMs});
+  m_mapSeqs.emplace(item.u64Seq, _Entry{item.strId, item.Bytes(), u64NowMs, pConnection});
   m_mapIds[item.strId] = item.u64Seq;
   m_uBytes += item.Bytes();
 }
@@ -40,6 +40,24 @@ void CConfirms::Forget(uint64_t u64Seq) {
   m_mapSeqs.erase(it);
 }
 
+void CConfirms::Heard(uint64_t u64Seq) {
+  const _Entry& entry = m_mapSeqs.find(u64Seq)->second;
+  uint64_t& u64Newest = m_mapHeard[entry.pConnection];
+  u64Newest = std::max(u64Newest, entry.u64Sent);
+  m_bNews = m_bHeard = true;
+}
+
+bool CConfirms::IsOvertaken(const _Entry& entry) const {
+  const auto it = m_mapHeard.find(entry.pConnection);
+  return it != m_mapHeard.end() && entry.u64Sent + kOvertakenMs <= it->second;
+}
+
+uint64_t CConfirms::Deadline() const {
+  if (m_mapSeqs.empty())
+    return 0;
+  return m_bHeard ? std::min(m_u64Due, std::max(m_u64NextLook, m_u64NextRepeat)) : m_u64Due;
+}
+
 std::vector<uint64_t> CConfirms::TakeAll() {
   std::vector<uint64_t> listSeqs;
   for (const auto& [u64Seq, entry] : m_mapSeqs)
@@ -51,22 +69,32 @@ std::vector<uint64_t> CConfirms::TakeAll() {
 }
 
 std::vector<uint64_t> CConfirms::TakeLate(uint64_t u64NowMs) {
-  std::vector<uint64_t> listSeqs;
-  if (m_mapSeqs.empty() || u64NowMs < m_u64Due)
-    return listSeqs;
+  std::vector<uint64_t> listLate, listOvertaken;
+  const bool bLook = m_bHeard && u64NowMs >= std::max(m_u64NextLook, m_u64NextRepeat);
+  if (m_mapSeqs.empty() || (u64NowMs < m_u64Due && !bLook))
+    return listLate;
   m_u64Due = u64NowMs + kMaxConfirmMs;
   for (const auto& [u64Seq, entry] : m_mapSeqs) {
     if (entry.u64Sent + m_u64Wait <= u64NowMs)
-      listSeqs.push_back(u64Seq);
+      listLate.push_back(u64Seq);
+    else if (bLook && IsOvertaken(entry))
+      listOvertaken.push_back(u64Seq);
     else
       m_u64Due = std::min(m_u64Due, entry.u64Sent + m_u64Wait);
   }
-  for (const uint64_t u64Seq : listSeqs)
-    Forget(u64Seq);
-  if (!listSeqs.empty())
+  if (bLook) {
+    m_bHeard = false;
+    m_u64NextLook = u64NowMs + kOvertakenLookMs;
+  }
+  if (!listOvertaken.empty())
+    m_u64NextRepeat = u64NowMs + kOvertakenRepeatMs;
+  if (!listLate.empty())
     m_u64Wait = m_bNews ? kConfirmMs : std::min(m_u64Wait * 2, kMaxConfirmMs);
-  m_bNews = m_bNews && listSeqs.empty();
-  return listSeqs;
+  m_bNews = m_bNews && listLate.empty();
+  listLate.insert(listLate.end(), listOvertaken.begin(), listOvertaken.end());
+  for (const uint64_t u64Seq : listLate)
+    Forget(u64Seq);
+  return listLate;
 }
 
 bool CConfirms::TakeHead(std::string_view& svRest) {

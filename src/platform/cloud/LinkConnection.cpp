@@ -96,7 +96,7 @@ void CLinkConnection::OnAlive() {
 
 bool CLinkConnection::Publish(const _OutItem& item) {
   m_window.Sent(item.u64Seq, item.Bytes(), m_ports.clock.NowMs());
-  m_ports.confirms.Sent(item, m_ports.clock.NowMs());
+  m_ports.confirms.Sent(item, this, m_ports.clock.NowMs());
   m_strTopic.assign(m_strUpPrefix).append(std::to_string(item.iPriority));
   return m_pTransport->Publish(item.u64Seq, m_strTopic, item.strWire);
 }

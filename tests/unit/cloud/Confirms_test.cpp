@@ -119,14 +119,13 @@ TEST_F(CConfirmsTest, BulkData_IsConfirmedOnTheCommandsConnection) {
 
 TEST_F(CConfirmsTest, MissingConfirmation_SendsAgain_AtGrowingDistances_AlsoWhileOthersAreConfirmed) {
   Up(false);
-  Add(0);
+  for (int i = 0; i < 4; ++i)
+    Add(0);
   Turn();
   BrokerHasAll(*m_pTransport);
-  for (int i = 0; i < 3; ++i) {  // a steady stream does not hide the one that is missing
+  for (int i = 2; i <= 4; ++i) {  // a steady stream does not hide the one that is missing
     Advance(9000);
-    Add(0);
-    Turn();
-    Confirm("+id" + std::to_string(m_u64Seq) + "\n");
+    Confirm("+id" + std::to_string(i) + "\n");
   }
   EXPECT_THAT(Tokens(*m_pTransport), ElementsAre(1, 2, 3, 4));
   Advance(3001);
@@ -139,6 +138,57 @@ TEST_F(CConfirmsTest, MissingConfirmation_SendsAgain_AtGrowingDistances_AlsoWhil
   EXPECT_EQ(m_pTransport->published.size(), 6u) << "nothing was confirmed: twice as long from here on";
   Advance(kConfirmMs);
   EXPECT_EQ(m_pTransport->published.size(), 7u);
+}
+
+TEST_F(CConfirmsTest, Overtaken_IsSentAgainSoon_AndNotWhatLeftAtTheSameTime) {
+  Up();
+  Add(0);
+  Turn();
+  Advance(kOvertakenMs - 1);
+  Add(0);
+  Turn();
+  Advance(1);
+  Add(0);
+  Turn();
+  BrokerHasAll(*m_pTransport);
+  Confirm("+id2\n");  // left one moment too early to say anything about the first
+  EXPECT_THAT(Tokens(*m_pTransport), ElementsAre(1, 2, 3));
+  Advance(kOvertakenLookMs);
+  EXPECT_THAT(Tokens(*m_pTransport), ElementsAre(1, 2, 3));
+  Confirm("+id3\n");
+  Advance(kOvertakenLookMs);
+  EXPECT_THAT(Tokens(*m_pTransport), ElementsAre(1, 2, 3, 1));
+  Confirm("+id1\n");
+  EXPECT_EQ(m_outbox.State().u64Entries, 0u);
+}
+
+TEST_F(CConfirmsTest, Overtaken_AgainAndAgain_IsNotSentAllTheTime) {
+  Up();
+  Add(0);
+  Turn();
+  // The cloud confirms everything but the first for half a minute.
+  for (int i = 2; i < 32; ++i) {
+    Advance(1000);
+    Add(0);
+    Turn();
+    BrokerHasAll(*m_pTransport);
+    Confirm("+id" + std::to_string(i) + "\n");
+  }
+  const auto tokens = Tokens(*m_pTransport);
+  EXPECT_EQ(std::count(tokens.begin(), tokens.end(), 1u), 4) << "about every ten seconds";
+}
+
+TEST_F(CConfirmsTest, Overtaken_SaysNothingAboutTheOtherConnection) {
+  Up();
+  Add(1, 100000);  // on the bulk connection, on its way for long
+  Turn();
+  for (uint64_t u64Seq = 2; u64Seq < 8; ++u64Seq) {
+    Advance(1000);
+    Add(0);
+    Turn();
+    Confirm("+id" + std::to_string(u64Seq) + "\n");
+  }
+  EXPECT_THAT(Tokens(*m_pBulk), ElementsAre(1));
 }
 
 TEST_F(CConfirmsTest, Unconfirmed_AreBounded) {
@@ -172,7 +222,7 @@ TEST(Confirms, Take_WhatIsNoConfirmation_IsNotTaken) {
                                  "zx1\n+" + std::string(200, 'i') + "\n", std::string("zx1\n\n")}) {
     CConfirms confirms;
     confirms.Use(true);
-    confirms.Sent(*MakeOutItem(1, 0, "id", "x"), 0);
+    confirms.Sent(*MakeOutItem(1, 0, "id", "x"), nullptr, 0);
     EXPECT_FALSE(confirms.Take(str, [](uint64_t, bool) { ADD_FAILURE(); })) << str;
     EXPECT_TRUE(confirms.Waits(1));
   }
@@ -181,7 +231,7 @@ TEST(Confirms, Take_WhatIsNoConfirmation_IsNotTaken) {
 TEST(Confirms, Take_WhatStandsBeforeRubbishCounts) {
   CConfirms confirms;
   confirms.Use(true);
-  confirms.Sent(*MakeOutItem(1, 0, "id", "x"), 0);
+  confirms.Sent(*MakeOutItem(1, 0, "id", "x"), nullptr, 0);
   uint64_t u64Done = 0;
   EXPECT_FALSE(confirms.Take("zx1\n+id\nrubbish", [&](uint64_t u64Seq, bool) { u64Done = u64Seq; }));
   EXPECT_EQ(u64Done, 1u);
