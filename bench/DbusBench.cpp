@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <utility>
 
 #include "support/Argv.h"
 
@@ -109,11 +110,12 @@ int RunFlood(const char* pszAddress, int iNumber) {
   IBusContext* pBus = Join(pszAddress, PeerGuid(iNumber));
   const GUID guidTarget = PeerGuid(3);
   const std::string strData(kFloodBytes, 'f');
-  for (uint64_t i = 0;; ++i) {
-    if (i == 1000)
+  for (bool bReady = false;;) {
+    if (pBus->AsynSendEx(&guidTarget, 1, strData.data(), kFloodBytes, nullptr, nullptr, nullptr, 0) == 0)
+      continue;
+    if (!std::exchange(bReady, true))  // from here on it is as much as the bus takes
       SayReady();
-    if (pBus->AsynSendEx(&guidTarget, 1, strData.data(), kFloodBytes, nullptr, nullptr, nullptr, 0) != 0)
-      usleep(1000);
+    usleep(1000);
   }
 }
 
