@@ -125,7 +125,7 @@ TEST(BusSend, LongestMessage_GoesThrough) {
   std::string strLong(kBusMaxBytes, 'x');
   strLong.front() = 'F';
   ASSERT_EQ(a.Send(b, 1, strLong, &completion), 0u);
-  ASSERT_TRUE(completion.Wait());
+  ASSERT_TRUE(completion.Wait(1, 6 * kTestDeadlineMs));
   EXPECT_EQ(completion.At(0).strData.size(), kBusMaxBytes);
   EXPECT_EQ(completion.At(0).strData.back(), 'F');
 }
