@@ -142,7 +142,11 @@ void CBusLink::OnLost(const char*) {
     pthread_cond_broadcast(&m_condState);
     dropped.Append(m_ready);
     dropped.Append(m_queued);
+    m_uOneWayQueued = 0;
   }
+  m_uOneWay = 0;
+  m_bPaced = false;
+  m_u64PaceNs = kNever;
   for (auto& [uiType, pSlot] : m_matches)
     sd_bus_slot_unref(pSlot);
   m_matches.clear();
@@ -189,7 +193,7 @@ void CBusLink::Work(uint64_t u64NowNs) {
   TakeQueued();
   if (Bus() != nullptr) {
     SyncTypes();
-    WriteOut(SIZE_MAX);
+    WriteOut(Allowance(u64NowNs, bClosing));
     ExpireHeld(u64NowNs);
   }
   if (!bClosing)
@@ -218,7 +222,7 @@ void CBusLink::OnUnserved() {
 uint64_t CBusLink::WorkDueNs() {
   if (const CBusCall* pFirst = m_held.First())
     m_u64HeldDueNs = std::min(m_u64HeldDueNs, pFirst->u64DeadlineNs);
-  return std::min(m_u64CloseDueNs, m_u64HeldDueNs);
+  return std::min({m_u64CloseDueNs, m_u64HeldDueNs, m_u64PaceNs});
 }
 
 int CBusLink::OnReleased(sd_bus_message*, void* pSelf, sd_bus_error*) {

@@ -5,6 +5,10 @@
 // are given to the daemon up to a window; the rest waits, so that a target that never replies costs the
 // sender its own calls only, and not the daemon's slots for replies of this connection.
 //
+// Who has more than kFloodMessages one-way messages and broadcasts waiting is paced: the daemon serves its
+// connections in turn, and what one of them gets is taken from the others. Calls need none: their window does
+// it.
+//
 // Who sends or replies writes itself when the connection is free. The component's dispatcher, when it has
 // one, reads the connection while it waits for work; while it is busy, the I/O thread does.
 //
@@ -110,6 +114,7 @@ class CBusLink final : public CBusWire, public IBusPeer {
   void Kick();
   void TakeQueued() TS_EXCLUDES(m_cs);
   void WriteOut(size_t uMost);
+  size_t Allowance(uint64_t u64NowNs, bool bClosing);
   void WriteMessage(std::unique_ptr<CBusMessage> pMessage);
   void SendNow(CBusMessage& message, CBusRemoteTarget& target);
   static bool WindowIsFull(const CBusRemoteTarget& target, uint32_t uiLength);
@@ -166,6 +171,7 @@ class CBusLink final : public CBusWire, public IBusPeer {
   bool m_bClosed TS_GUARDED_BY(m_cs) = false;
   uint32_t m_uiRefused TS_GUARDED_BY(m_cs) = 0;
   CBusQueue m_queued TS_GUARDED_BY(m_cs);
+  size_t m_uOneWayQueued TS_GUARDED_BY(m_cs) = 0;  // of m_queued
   std::string m_strUniqueName TS_GUARDED_BY(m_cs);
   // Changes of the receivers are numbered: asked for, and told to the daemon.
   uint64_t m_u64TypesAsked TS_GUARDED_BY(m_cs) = 0;
@@ -173,6 +179,9 @@ class CBusLink final : public CBusWire, public IBusPeer {
 
   // The turn's.
   CBusQueue m_ready;
+  size_t m_uOneWay = 0;           // of m_ready
+  bool m_bPaced = false;          // only the I/O thread writes
+  uint64_t m_u64PaceNs = kNever;  // when it may again
   CCalls m_flights;
   CCalls m_held;
   std::unordered_multimap<uint64_t, CBusCall*> m_heldBySerial;

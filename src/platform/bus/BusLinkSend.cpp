@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "platform/bus/BusCarrier.h"
+#include "platform/bus/BusClock.h"
 #include "platform/bus/BusEndpoint.h"
 #include "platform/bus/BusErrors.h"
 #include "platform/bus/BusLink.h"
@@ -18,6 +19,11 @@ namespace {
 constexpr size_t kWindowCalls = 256;
 constexpr size_t kWindowBytes = 8u << 20;
 constexpr size_t kWritesPerSend = 16;  // by one component's thread at a time; others may have queued more
+// What a flood may write: 4,000 to 8,000 messages per second, as the I/O thread sleeps for whole
+// milliseconds.
+constexpr size_t kFloodMessages = 1024;
+constexpr size_t kPacedWrites = 8;
+constexpr uint64_t kPaceNs = kBusNsPerMs;
 constexpr uint64_t kNoTimeout = UINT64_MAX;  // deadlines are the component's; the daemon has one of its own
 
 bool IsDead(const CBusItem& item) {
@@ -40,8 +46,10 @@ uint32_t CBusLink::Push(std::unique_ptr<CBusMessage> pMessage) {
       uiResult = kBusErrNoTarget;
     else if (!Reserve(uCost))
       uiResult = kBusErrBusy;
-    if (uiResult == 0)
+    if (uiResult == 0) {
+      m_uOneWayQueued += pMessage->call ? 0 : 1;
       m_queued.Push(*pMessage.release());
+    }
   }
   if (uiResult == kBusErrBusy)
     m_figures.u64Busy.fetch_add(1, std::memory_order_relaxed);
@@ -112,21 +120,41 @@ void CBusLink::Refuse(CBusCall& call, uint32_t uiStatus) {
 void CBusLink::TakeQueued() {
   CCritLock lock(m_cs);
   m_ready.Append(m_queued);
+  m_uOneWay += std::exchange(m_uOneWayQueued, 0);
 }
 
 bool CBusLink::WriteSome() noexcept {
   if (Bus() == nullptr)
     return false;
   TakeQueued();
+  if (m_bPaced ||
+      m_uOneWay > kFloodMessages)  // the I/O thread's, which knows when, unless the socket was full
+    return !m_bPaced || (m_u64PaceNs == kNever && CanWrite());
   WriteOut(kWritesPerSend);
   return !m_ready.IsEmpty() && IsReady() && CanWrite();
+}
+
+// How many messages the I/O thread may write now.
+size_t CBusLink::Allowance(uint64_t u64NowNs, bool bClosing) {
+  m_bPaced = m_uOneWay > kFloodMessages && !bClosing;
+  if (!m_bPaced) {
+    m_u64PaceNs = kNever;
+    return SIZE_MAX;
+  }
+  if (m_u64PaceNs != kNever && u64NowNs < m_u64PaceNs)
+    return 0;
+  const bool bMay = CanWrite();  // otherwise the socket says when
+  m_u64PaceNs = bMay ? u64NowNs + kPaceNs : kNever;
+  return bMay ? kPacedWrites : 0;
 }
 
 void CBusLink::WriteOut(size_t uMost) {
   for (; uMost > 0 && !m_ready.IsEmpty() && IsReady() && CanWrite(); --uMost) {
     CBusItem* pItem = m_ready.Pop();
     if (pItem->eKind == CBusItem::EKind::Message) {
-      WriteMessage(std::unique_ptr<CBusMessage>(static_cast<CBusMessage*>(pItem)));
+      std::unique_ptr<CBusMessage> pMessage(static_cast<CBusMessage*>(pItem));
+      m_uOneWay -= pMessage->call ? 0 : 1;
+      WriteMessage(std::move(pMessage));
       continue;
     }
     CBusRef<CBusCall> call(static_cast<CBusCall*>(pItem));

@@ -107,6 +107,34 @@ TEST_F(DbusTest, SendsWithoutACallbackArriveAndLeaveNothingBehind) {
   EXPECT_TRUE(EventuallyTrue([&] { return Figure(own.Guid(), "under_way") == 0; }));
 }
 
+// So much that the component is paced: what the socket of a stopped daemon holds, and its whole budget.
+TEST_F(DbusTest, AFloodArrivesWholeAndInOrder) {
+  m_uiMaxSendBytes = 4u << 20;
+  Begin();
+  const GUID guidPeer = NewGuid();
+  const auto peer = MakePeer(guidPeer);
+  CComponent own;
+  Converse(own, guidPeer);
+  std::string strText(1000, '.');
+  uint32_t uSent = 0;
+  m_daemon.Stop();
+  for (uint32_t uiResult = 0; uiResult == 0; uSent += uiResult == 0 ? 1 : 0) {
+    strText.replace(0, 6, std::to_string(100000 + uSent));
+    uiResult = own->AsynSendEx(&guidPeer, kNoted, strText.data(), 1000, nullptr, nullptr, nullptr, 0);
+  }
+  m_daemon.Continue();
+  EXPECT_GT(uSent, 3000u);
+  EXPECT_TRUE(EventuallyTrue([&] { return peer->Count("recv 3") == uSent; }, 30000));
+  uint32_t uNext = 0;
+  for (const std::string& strLine : peer->Lines()) {
+    if (strLine.rfind("recv 3", 0) == 0) {
+      ASSERT_EQ(strLine.substr(strLine.find(" text ") + 6, 6), std::to_string(100000 + uNext++));
+    }
+  }
+  EXPECT_EQ(uNext, uSent);
+  Converse(own, guidPeer);
+}
+
 TEST_F(DbusTest, WhatWasSentBeforeLeavingArrives) {
   Begin();
   const GUID guidPeer = NewGuid();
