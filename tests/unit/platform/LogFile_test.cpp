@@ -173,7 +173,9 @@ TEST_F(LogFile_test, AnUnfinishedLine_IsEndedFirst) {
 TEST_F(LogFile_test, Descriptors_AreClosedOnExec) {
   const HLog hLog = LogInit("zxagent");
   LogPrintStr(hLog, 2, "x");
-  EXPECT_TRUE(EventuallyTrue([&] { return m_home.Exists("log/zxagent.log"); }));
+  // A line is there: the file is open for good, and not on its way to that.
+  EXPECT_TRUE(EventuallyTrue(
+      [&] { return m_home.Exists("log/zxagent.log") && !m_home.ReadFile("log/zxagent.log").IsEmpty(); }));
   const std::string strCommand = "ls -l /proc/self/fd | grep -q " + m_home.Path("log/").Str();
   EXPECT_NE(system(strCommand.c_str()), 0);  // NOLINT(concurrency-mt-unsafe,cert-env33-c)
   LogUninit(hLog);
