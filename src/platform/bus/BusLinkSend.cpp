@@ -127,8 +127,8 @@ bool CBusLink::WriteSome() noexcept {
   if (Bus() == nullptr)
     return false;
   TakeQueued();
-  if (m_bPaced ||
-      m_uOneWay > kFloodMessages)  // the I/O thread's, which knows when, unless the socket was full
+  // A flood is the I/O thread's, which knows when to go on, unless it waits for a socket that was full.
+  if (m_bPaced || m_uOneWay > kFloodMessages)
     return !m_bPaced || (m_u64PaceNs == kNever && CanWrite());
   WriteOut(kWritesPerSend);
   return !m_ready.IsEmpty() && IsReady() && CanWrite();

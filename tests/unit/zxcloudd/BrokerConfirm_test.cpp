@@ -137,7 +137,7 @@ class CBrokerConfirm : public CStoreTest {
     m_broker.Publish(std::string("zx/v1/") + kMid + "/up/2", chId,
                      "zx1 " + strMessageId + "\n" + UploadText("x"));
   }
-  // The acknowledgement of the upload, then its confirmation; the confirmation's packet id.
+  // Reads the confirmation; strPacketId is what its acknowledgement must carry.
   void ExpectConfirm(const std::string& strMessageId, std::string& strPacketId) {
     const _Packet confirm = m_broker.Read();
     ASSERT_EQ(confirm.iType, kPublish);
